@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# One entry point for setting up, building and running the project on Debian 12.
+#
+#   scripts/dev.sh setup          install the Debian packages the project needs (as root)
+#   scripts/dev.sh demo           setup, build, run the example programs
+#   scripts/dev.sh test [CONFIG]  setup, build, run the whole test suite with CTest
+#                                 CONFIG: plain (default, warnings as errors), asan (Address-
+#                                 and UndefinedBehaviorSanitizer) or tsan (ThreadSanitizer)
+#   scripts/dev.sh bench          setup, build and run the benchmarks in bench/
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+jobs=$(nproc)
+
+packages=(
+    build-essential cmake ninja-build pkg-config binutils
+    libnanomsg-dev nanomsg-utils liblog4cplus-dev
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    libgstreamer1.0-dev
+)
+
+setup() {
+    local missing=()
+    for package in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
+            || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# build <build dir> <cmake options...>
+build() {
+    local dir=$1
+    shift
+    cmake -S "$root" -B "$dir" -G Ninja "$@"
+    cmake --build "$dir" --parallel "$jobs"
+}
+
+run_tests() {
+    local config=${1:-plain} dir options=()
+    case "$config" in
+        plain) dir=$root/build ;;
+        asan) dir=$root/build-asan; options=(-DVRX_SANITIZERS=address,undefined) ;;
+        tsan) dir=$root/build-tsan; options=(-DVRX_SANITIZERS=thread) ;;
+        *) echo "unknown test configuration '$config' (plain, asan, tsan)" >&2; exit 2 ;;
+    esac
+    build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVRX_WARNINGS_AS_ERRORS=ON "${options[@]}"
+    # Sanitizer reports fail the test that caused them.
+    export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+    export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+    ctest --test-dir "$dir" --output-on-failure --parallel "$jobs" --timeout 300
+}
+
+case "${1:-}" in
+    setup) setup ;;
+    demo)
+        setup
+        build "$root/build"
+        "$root/build/examples/vrx_packet_roundtrip"
+        ;;
+    test)
+        setup
+        run_tests "${2:-plain}"
+        ;;
+    bench)
+        setup
+        build "$root/build-bench" -DCMAKE_BUILD_TYPE=Release -DVRX_BUILD_BENCHMARKS=ON -DVRX_BUILD_TESTS=OFF
+        for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
+        ;;
+    *)
+        sed -n '2,11p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        exit 2
+        ;;
+esac

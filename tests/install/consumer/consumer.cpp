@@ -4,6 +4,21 @@
 
 #include <cstdio>
 
+// An application's own payload format: deriving needs the library's exported typeinfo and vtables.
+struct TaggedPayloader : vrx::Payloader
+{
+    TaggedPayloader() : vrx::Payloader(0x47415454) {}
+    std::size_t getSizeForWrappedFrame(const vrx::ByteSpan& mediaData) const override
+    {
+        return mediaData.size() + 1;
+    }
+    void wrapFrame(vrx::Buffer& packet, std::size_t offset, const vrx::ByteSpan& mediaData) override
+    {
+        packet[offset] = 0x7A;
+        vrx::Payloader::wrapFrame(packet, offset + 1, mediaData);
+    }
+};
+
 int main()
 {
     vrx::InitialInfo info;
@@ -29,6 +44,10 @@ int main()
     if (depayloaders.consumePacket(packet) != vrx::DepayloaderList::ConsumePacketRetcode::Ok ||
         depayloaders.getCurrentFrameMediaData() != samples || depayloader.getSampleRate() != 48000)
         return 3;
+    TaggedPayloader tagged;
+    tagged.produceFramePacket(packet, 8, 0, 0, samples);
+    if (packet.size() != 20 + 1 + samples.size() || packet[20] != 0x7A || packet[21] != 1)
+        return 4;
     std::puts("consumer: InitialInfo and Frame round trip ok");
     return 0;
 }

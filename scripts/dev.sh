@@ -62,6 +62,7 @@ case "${1:-}" in
         setup
         build "$root/build"
         "$root/build/examples/vrx_packet_roundtrip"
+        "$root/build/examples/vrx_sender_example"
         ;;
     test)
         setup

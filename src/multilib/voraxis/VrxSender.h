@@ -1,0 +1,125 @@
+#pragma once
+
+#include <voraxis/SideChannel.h>
+#include <voraxis/VrxExport.h>
+#include <voraxis/VrxPayload.h>
+
+#include <miscutils/MiscUtils.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The listener's poll set; declared here so that users of the sender need not see <poll.h>.
+struct pollfd;
+
+namespace vrx {
+
+/// The producing end of a stream. It greets every local receiver on a Unix-domain socket in
+/// the abstract namespace and sends SequenceInfo and Frame packets over a nanomsg socket on an
+/// ipc:// path inside a private temporary directory (under $TMPDIR, default "/tmp/vrx").
+///
+/// One producer thread calls setCurrentPayloader, startNewSequence and sendMediaData;
+/// disableSend may be called from any thread. Sends never queue: a frame that the main channel
+/// cannot take at once is dropped for that receiver.
+class VRX_EXPORT Sender
+{
+public:
+    Sender();
+    /// Shuts the sender down if it is still initialised.
+    ~Sender();
+
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+    /// Brings the sender up: temporary directory, sidechannel listener on `socketAddress` (or
+    /// on `alternativeSocketAddress` when the first cannot be bound), nanomsg main channel and
+    /// listener thread. The time-sync fields are announced to receivers unchanged (the port in
+    /// its low 16 bits). True when the sender runs afterwards, also when it already ran (the
+    /// new arguments are then ignored). A failed call leaves what it created in place.
+    bool initializeSender(std::string socketAddress, std::string alternativeSocketAddress,
+                          std::string timeSyncIPAddress, unsigned int timeSyncPort,
+                          TimeSyncProtocol timeSyncProtocol, NanomsgProtocol nanomsgProtocol);
+
+    /// Stops the listener thread, closes all connections and sockets and removes the IPC file
+    /// and the temporary directory. Does nothing when the sender is not initialised. Must not
+    /// be called concurrently with itself.
+    void shutdownSender();
+
+    /// Selects the payload format of the next sequence. The payloader must outlive its use.
+    void setCurrentPayloader(Payloader& payloader);
+
+    /// Opens a new sequence (numbers 1 to 65535, then 1 again) with the current payloader's
+    /// FourCC and codec header: connected receivers get its SequenceInfo packet over the main
+    /// channel, later ones in their greeting.
+    void startNewSequence();
+
+    /// Sends one frame of the current sequence; timestamp and duration travel unchanged.
+    void sendMediaData(miscUtils::TimeValue timestamp, miscUtils::TimeValue duration,
+                       const ByteSpan& mediaData);
+
+    /// Switches sending over the main channel off (true) or on (false); switching it off wakes
+    /// a send that waits for the channel. A successful initializeSender switches it on again.
+    void disableSend(bool disable);
+
+    /// True while at least one receiver is connected to the sidechannel.
+    bool areThereClientConnections() const;
+
+    /// Sends one framed sidechannel message to every entry of the listener's poll set, in
+    /// order: the wake-up pipe and the listening socket come first and fail (each failure is
+    /// logged), then every connected receiver.
+    void sendDataOverAllClientConnections(const ByteSpan& data);
+
+private:
+    // Called with m_mutex held, except listenerThreadLoop (the listener thread's body) and
+    // sendDataOverNanomsg (called with no lock held; it never waits under a lock).
+    void prepareInitialInfoPacket();
+    bool setupListener();
+    void listenerThreadLoop();
+    void shutdownListener();
+    void sendDataOverClientConnection(int fd, const ByteSpan& data);
+    bool setupNanomsgMainChannel();
+    void shutdownNanomsgMainChannel();
+    void sendDataOverNanomsg(const ByteSpan& packet);
+    std::size_t clientConnectionCount() const;
+
+    std::string m_socketAddress;
+    std::string m_alternativeSocketAddress;
+    std::string m_timeSyncIPAddress;
+    std::uint32_t m_timeSyncPort = 0;
+    TimeSyncProtocol m_timeSyncProtocol = TimeSyncProtocol::Unknown;
+    std::string m_nanomsgUri;
+    NanomsgProtocol m_nanomsgProtocol = NanomsgProtocol::Unknown;
+    Payloader* m_payloader = nullptr;
+    Buffer m_initialInfoPacket;
+    Buffer m_sequenceInfoPacket;
+    Buffer m_framePacket;
+    std::uint16_t m_sequenceNr = 0;
+    std::thread m_listenerThread;
+    mutable std::mutex m_mutex;
+    std::mutex m_nanomsgMutex;
+    bool m_initialized = false;
+    bool m_listenerThreadRunning = false;
+    int m_listenerSocketFD = -1;
+    int m_nanomsgMainFD = -1;
+    int m_nanomsgWatchFD = -1;
+    std::array<int, 2> m_listenerWakeupPipe{-1, -1};
+    std::array<int, 2> m_nanomsgWakeupPipe{-1, -1};
+    // Written by shutdownSender under m_mutex and by disableSend under m_nanomsgMutex, read by
+    // a send under m_nanomsgMutex: atomic, since the two locks never meet.
+    std::atomic<bool> m_sendDisabled{false};
+    // Sends between their enabled check and their last use of the channel's descriptors;
+    // shutdownSender waits for 0 before it closes them.
+    std::atomic<unsigned int> m_sendsInProgress{0};
+    int m_nanomsgEndpointID = -1;
+    std::string m_tempDirectory;
+    std::string m_nanomsgIpcFilePath;
+    std::unique_ptr<std::vector<pollfd>> m_listenerPollFDs;
+};
+
+} // namespace vrx

@@ -418,6 +418,14 @@ bool Sender::setupNanomsgMainChannel()
     const bool pipeline = m_nanomsgProtocol == NanomsgProtocol::Pipeline;
     auto guard = miscUtils::makeScopeGuard([this] { shutdownNanomsgMainChannel(); });
 
+    // nanomsg stops the whole process on some IPC paths that do not fit a Unix socket address
+    // instead of failing; such a path is refused here as a failed attach.
+    if (m_nanomsgIpcFilePath.size() >= sizeof(sockaddr_un::sun_path))
+    {
+        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << detail::ErrnoText{ENAMETOOLONG});
+        return false;
+    }
+
     m_nanomsgMainFD = nn_socket(AF_SP, pipeline ? NN_PUSH : NN_PUB);
     if (m_nanomsgMainFD < 0)
     {

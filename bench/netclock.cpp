@@ -52,18 +52,21 @@ struct Options
 Options parseOptions(int argc, char** argv)
 {
     Options options;
-    for (int index = 1; index < argc; ++index) {
+    for (int index = 1; index < argc; ++index)
+    {
         const std::string argument = argv[index];
         if (argument == "--duration" && index + 1 < argc)
             options.durationSeconds = std::atof(argv[++index]);
         else if (argument == "--restart-gap" && index + 1 < argc)
             options.restartGapMilliseconds = std::atof(argv[++index]);
-        else {
+        else
+        {
             std::fprintf(stderr, "usage: %s [--duration SECONDS] [--restart-gap MILLISECONDS]\n", argv[0]);
             std::exit(2);
         }
     }
-    if (options.durationSeconds < 8.0) {
+    if (options.durationSeconds < 8.0)
+    {
         std::fprintf(stderr, "the duration must be at least 8 s (settling, restart and recovery)\n");
         std::exit(2);
     }
@@ -76,7 +79,8 @@ class FrameworkProvider
 public:
     FrameworkProvider()
     {
-        m_clock = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+        m_clock =
+            GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
         gst_object_ref_sink(m_clock);
         gst_clock_set_calibration(m_clock, 0, ServedOffset, 1, 1);
     }
@@ -89,7 +93,8 @@ public:
     int start(int port)
     {
         m_provider = gst_net_time_provider_new(m_clock, "127.0.0.1", port);
-        if (m_provider == nullptr) {
+        if (m_provider == nullptr)
+        {
             std::fprintf(stderr, "cannot start the framework's time provider\n");
             std::exit(1);
         }
@@ -115,10 +120,10 @@ struct Trace
     std::string name;
     std::function<TimeValue()> read;
     std::function<bool()> synchronized;
-    TimeValue synchronizedAfter = 0;   // since start; 0 while not synchronised
+    TimeValue synchronizedAfter = 0; // since start; 0 while not synchronised
     TimeValue lastReading = 0;
     unsigned long backwards = 0;
-    std::vector<std::pair<TimeValue, double>> errors;   // (time since start, |error| in ns)
+    std::vector<std::pair<TimeValue, double>> errors; // (time since start, |error| in ns)
 };
 
 void query(Trace& trace, TimeValue start)
@@ -134,7 +139,8 @@ void query(Trace& trace, TimeValue start)
     if (trace.synchronizedAfter == 0 || after - before > WidestTruthWindow)
         return;
     const TimeValue truth = before + (after - before) / 2 + ServedOffset;
-    trace.errors.emplace_back(after - start, std::abs(static_cast<double>(static_cast<std::int64_t>(reading - truth))));
+    trace.errors.emplace_back(after - start,
+                              std::abs(static_cast<double>(static_cast<std::int64_t>(reading - truth))));
 }
 
 struct Summary
@@ -156,7 +162,8 @@ Summary summarize(const Trace& trace, Keep keep)
         return summary;
     std::sort(values.begin(), values.end());
     const auto at = [&](double fraction) {
-        return values[std::min(values.size() - 1, static_cast<std::size_t>(fraction * static_cast<double>(values.size())))];
+        return values[std::min(values.size() - 1,
+                               static_cast<std::size_t>(fraction * static_cast<double>(values.size())))];
     };
     summary.median = at(0.5);
     summary.p99 = at(0.99);
@@ -204,18 +211,32 @@ int main(int argc, char** argv)
     GstClock* framework = gst_net_client_clock_new("vrx-bench", "127.0.0.1", port, 0);
 
     Trace traces[2] = {
-        {"ours", [&] { return ours.getSynchronizedTime(); }, [&] { return ours.isSynchronized(); }, 0, 0, 0, {}},
-        {"framework", [&] { return static_cast<TimeValue>(gst_clock_get_time(framework)); },
-         [&] { return gst_clock_is_synced(framework) != FALSE; }, 0, 0, 0, {}},
+        {"ours",
+         [&] { return ours.getSynchronizedTime(); },
+         [&] { return ours.isSynchronized(); },
+         0,
+         0,
+         0,
+         {}},
+        {"framework",
+         [&] { return static_cast<TimeValue>(gst_clock_get_time(framework)); },
+         [&] { return gst_clock_is_synced(framework) != FALSE; },
+         0,
+         0,
+         0,
+         {}},
     };
 
     bool stopped = false, restarted = false;
-    for (TimeValue now = start; now - start < duration; now = miscUtils::getMonotonicSysclockTime()) {
-        if (!stopped && now - start >= restartAt) {
+    for (TimeValue now = start; now - start < duration; now = miscUtils::getMonotonicSysclockTime())
+    {
+        if (!stopped && now - start >= restartAt)
+        {
             provider.stop();
             stopped = true;
         }
-        if (!restarted && now - start >= backAt) {
+        if (!restarted && now - start >= backAt)
+        {
             provider.start(port);
             restarted = true;
         }
@@ -228,14 +249,17 @@ int main(int argc, char** argv)
 
     std::printf("Network clocks following a GStreamer time provider on 127.0.0.1:%d for %.0f s, "
                 "provider away for %.0f ms at %.0f s\n\n",
-                port, options.durationSeconds, options.restartGapMilliseconds, static_cast<double>(restartAt) / 1e9);
+                port, options.durationSeconds, options.restartGapMilliseconds,
+                static_cast<double>(restartAt) / 1e9);
     std::printf("%-38s %14s %14s\n", "", "ours", "framework");
     Summary whole[2], steady[2], restart[2];
-    for (int index = 0; index < 2; ++index) {
+    for (int index = 0; index < 2; ++index)
+    {
         const Trace& trace = traces[index];
         whole[index] = summarize(trace, [](TimeValue) { return true; });
         steady[index] = summarize(trace, [&](TimeValue time) {
-            return time >= trace.synchronizedAfter + Settling && (time < restartAt || time >= backAt + Settling);
+            return time >= trace.synchronizedAfter + Settling &&
+                   (time < restartAt || time >= backAt + Settling);
         });
         restart[index] = summarize(trace, [&](TimeValue time) {
             return time >= restartAt && time < backAt + RestartWindowAfterReturn;
@@ -256,9 +280,11 @@ int main(int argc, char** argv)
     row("max |error| over provider restart", micro(restart[0].max), micro(restart[1].max), "us");
     std::printf("%-38s %14lu %14lu\n", "readings going backwards", traces[0].backwards, traces[1].backwards);
     std::printf("%-38s %14zu %14zu\n", "readings compared", whole[0].count, whole[1].count);
-    row("cost of a reading", nanosecondsPerReading(traces[0].read), nanosecondsPerReading(traces[1].read), "ns");
+    row("cost of a reading", nanosecondsPerReading(traces[0].read), nanosecondsPerReading(traces[1].read),
+        "ns");
 
-    const bool synchronizedFast = traces[0].synchronizedAfter != 0 && traces[0].synchronizedAfter <= 60 * Millisecond;
+    const bool synchronizedFast =
+        traces[0].synchronizedAfter != 0 && traces[0].synchronizedAfter <= 60 * Millisecond;
     const bool steadyAccurate = steady[0].count > 0 && steady[0].p99 <= 5.0 * Microsecond;
     const bool beatsFramework = whole[0].count > 0 && whole[1].count > 0 && whole[0].p99 <= whole[1].p99 / 4;
     const bool monotonic = traces[0].backwards == 0;

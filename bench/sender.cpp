@@ -189,9 +189,11 @@ double measureBurst(Path& path, int frames, std::uint64_t& timestamp)
     const auto start = Clock::now();
     for (int frame = 0; frame < frames; ++frame)
         path.sendFrame(++timestamp);
-    const double nanosecondsPerFrame = std::chrono::duration<double, std::nano>(Clock::now() - start).count() / frames;
+    const double nanosecondsPerFrame =
+        std::chrono::duration<double, std::nano>(Clock::now() - start).count() / frames;
     // A delivered frame costs more than a dropped one, so the mix is part of the result.
-    for (unsigned long seen = path.subscriber.received(); !path.subscriber.waitBeyond(seen, std::chrono::milliseconds(20));)
+    for (unsigned long seen = path.subscriber.received();
+         !path.subscriber.waitBeyond(seen, std::chrono::milliseconds(20));)
         seen = path.subscriber.received();
     path.burstFrames += static_cast<unsigned long>(frames);
     path.burstDelivered += path.subscriber.received() - before;
@@ -208,7 +210,7 @@ double disabledTraceCostPerFrame(std::size_t packetSize)
     for (int round = 0; round < rounds; ++round)
     {
         LOG4CPLUS_TRACE(logger, "Payloader wrapped media data with " << 1920 << " byte into packet with "
-                                                                        << packetSize << " byte");
+                                                                     << packetSize << " byte");
         LOG4CPLUS_TRACE(logger, "Sending data with " << packetSize << " bytes over nanomsg SP socket");
         LOG4CPLUS_TRACE(logger, "Nanomsg watch FD activity");
     }
@@ -253,8 +255,10 @@ int main(int argc, char** argv)
 
         Path paths[] = {
             {"vrx::Sender::sendMediaData",
-             [&](std::uint64_t timestamp) { sender.sendMediaData(timestamp, 10'000'000, media); }, senderSubscriber,
-             {}, {}},
+             [&](std::uint64_t timestamp) { sender.sendMediaData(timestamp, 10'000'000, media); },
+             senderSubscriber,
+             {},
+             {}},
             {"raw NN_PUB poll + nn_send", [&](std::uint64_t) { raw.send(rawPacket); }, rawSubscriber, {}, {}},
         };
         // Both subscriptions in place before anything is measured.
@@ -264,7 +268,8 @@ int main(int argc, char** argv)
                 path.sendFrame(++timestamp);
 
         // A B B A: each path's value of a repetition is the mean of its two runs.
-        const auto measureBoth = [&](const std::function<double(Path&)>& measure, std::vector<double> Path::*results) {
+        const auto measureBoth = [&](const std::function<double(Path&)>& measure,
+                                     std::vector<double> Path::*results) {
             const double senderFirst = measure(paths[0]);
             const double rawFirst = measure(paths[1]);
             const double rawSecond = measure(paths[1]);
@@ -276,29 +281,33 @@ int main(int argc, char** argv)
         {
             measureBoth([&](Path& path) { return measureDelivered(path, options.frames / 4, timestamp); },
                         &Path::delivered);
-            measureBoth([&](Path& path) { return measureBurst(path, options.frames, timestamp); }, &Path::burst);
+            measureBoth([&](Path& path) { return measureBurst(path, options.frames, timestamp); },
+                        &Path::burst);
         }
 
         std::printf("%d repetitions; delivered: %d frames each, burst: %d frames each\n", options.repetitions,
                     options.frames / 4, options.frames);
         std::printf("%-28s %16s %16s\n", "ns per frame (median)", "delivered", "burst");
         for (const Path& path : paths)
-            std::printf("%-28s %16.0f %16.0f   (delivered mode: %d dropped; burst: %.1f%% delivered)\n", path.name,
-                        median(path.delivered), median(path.burst), path.dropped,
-                        100.0 * static_cast<double>(path.burstDelivered) / static_cast<double>(path.burstFrames));
+            std::printf("%-28s %16.0f %16.0f   (delivered mode: %d dropped; burst: %.1f%% delivered)\n",
+                        path.name, median(path.delivered), median(path.burst), path.dropped,
+                        100.0 * static_cast<double>(path.burstDelivered) /
+                            static_cast<double>(path.burstFrames));
         std::vector<double> deliveredRatios, burstRatios;
         for (int repetition = 0; repetition < options.repetitions; ++repetition)
         {
             deliveredRatios.push_back(paths[0].delivered[repetition] / paths[1].delivered[repetition]);
             burstRatios.push_back(paths[0].burst[repetition] / paths[1].burst[repetition]);
         }
-        std::printf("%-28s %16.3f %16.3f\n", "ratio of medians", median(paths[0].delivered) / median(paths[1].delivered),
+        std::printf("%-28s %16.3f %16.3f\n", "ratio of medians",
+                    median(paths[0].delivered) / median(paths[1].delivered),
                     median(paths[0].burst) / median(paths[1].burst));
-        std::printf("%-28s %16.3f %16.3f   (target <= 1.10)\n", "median of paired ratios", median(deliveredRatios),
-                    median(burstRatios));
+        std::printf("%-28s %16.3f %16.3f   (target <= 1.10)\n", "median of paired ratios",
+                    median(deliveredRatios), median(burstRatios));
         const double traceCost = disabledTraceCostPerFrame(rawPacket.size());
-        std::printf("disabled TRACE lines on the frame path: %.1f ns per frame (%.1f%% of a delivered frame)\n",
-                    traceCost, 100.0 * traceCost / median(paths[0].delivered));
+        std::printf(
+            "disabled TRACE lines on the frame path: %.1f ns per frame (%.1f%% of a delivered frame)\n",
+            traceCost, 100.0 * traceCost / median(paths[0].delivered));
     }
 
     sender.shutdownSender();

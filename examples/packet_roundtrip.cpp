@@ -13,8 +13,12 @@ int main()
     log4cplus::BasicConfigurator::doConfigure();
 
     // The sidechannel greeting: which clock the timestamps are on, where the stream is.
-    vrx::InitialInfo info{1, "", 0, vrx::TimeSyncProtocol::MonotonicSystemClock,
-                          vrx::NanomsgProtocol::PubSub, "ipc:///tmp/vrx/VrxSender-abc123/nanomsgChannel.ipc"};
+    vrx::InitialInfo info{1,
+                          "",
+                          0,
+                          vrx::TimeSyncProtocol::MonotonicSystemClock,
+                          vrx::NanomsgProtocol::PubSub,
+                          "ipc:///tmp/vrx/VrxSender-abc123/nanomsgChannel.ipc"};
     const vrx::InitialInfo parsed = vrx::parseInitialInfoPacket(vrx::produceInitialInfoPacket(info));
     std::printf("clock %s, channel %s at %s\n", vrx::toString(parsed.timeSyncProtocol),
                 vrx::toString(parsed.nanomsgProtocol), parsed.nanomsgUri.c_str());

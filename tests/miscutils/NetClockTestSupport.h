@@ -27,7 +27,8 @@ using namespace std::chrono_literals;
 inline std::size_t countEntries(const char* path)
 {
     std::size_t count = 0;
-    if (DIR* directory = opendir(path)) {
+    if (DIR* directory = opendir(path))
+    {
         while (const dirent* entry = readdir(directory))
             if (entry->d_name[0] != '.')
                 ++count;
@@ -36,14 +37,21 @@ inline std::size_t countEntries(const char* path)
     return count;
 }
 
-inline std::size_t threadCount() { return countEntries("/proc/self/task"); }
-inline std::size_t descriptorCount() { return countEntries("/proc/self/fd"); }
+inline std::size_t threadCount()
+{
+    return countEntries("/proc/self/task");
+}
+inline std::size_t descriptorCount()
+{
+    return countEntries("/proc/self/fd");
+}
 
 /// Polls `condition` until it holds or `timeout` passed; the result of its last evaluation.
 inline bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 8000ms)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
+    while (!condition())
+    {
         if (std::chrono::steady_clock::now() > deadline)
             return condition();
         std::this_thread::sleep_for(1ms);
@@ -56,7 +64,8 @@ inline bool waitFor(const std::function<bool()>& condition, std::chrono::millise
 inline std::int64_t readingError(const std::function<miscUtils::TimeValue()>& reading,
                                  const std::function<miscUtils::TimeValue()>& truth)
 {
-    for (int attempt = 0;; ++attempt) {
+    for (int attempt = 0;; ++attempt)
+    {
         const miscUtils::TimeValue before = truth();
         const miscUtils::TimeValue value = reading();
         const miscUtils::TimeValue after = truth();
@@ -134,7 +143,8 @@ private:
 inline std::vector<unsigned char> bigEndianPair(std::uint64_t first, std::uint64_t second)
 {
     std::vector<unsigned char> bytes(16);
-    for (int index = 0; index < 8; ++index) {
+    for (int index = 0; index < 8; ++index)
+    {
         bytes[static_cast<std::size_t>(index)] = static_cast<unsigned char>(first >> (56 - 8 * index));
         bytes[static_cast<std::size_t>(8 + index)] = static_cast<unsigned char>(second >> (56 - 8 * index));
     }

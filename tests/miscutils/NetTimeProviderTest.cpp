@@ -72,7 +72,8 @@ TEST_F(NetTimeProviderTest, DropsShortRequestsAndAnswersLongOnesFromTheirFirst16
 /// The served time and the monotonic time at the same instant, read closely together.
 std::pair<TimeValue, TimeValue> servedAgainstMonotonic(const NetTimeProvider& provider)
 {
-    for (;;) {
+    for (;;)
+    {
         const TimeValue before = miscUtils::getMonotonicSysclockTime();
         const TimeValue served = provider.getTime();
         const TimeValue after = miscUtils::getMonotonicSysclockTime();
@@ -99,7 +100,8 @@ TEST_F(NetTimeProviderTest, ServesTheMonotonicClockWithOffsetAndRate)
     const auto [monotonicStart, servedStart] = servedAgainstMonotonic(m_provider);
     std::this_thread::sleep_for(1s);
     const auto [monotonicEnd, servedEnd] = servedAgainstMonotonic(m_provider);
-    const double gained = static_cast<double>(static_cast<std::int64_t>((servedEnd - servedStart) - (monotonicEnd - monotonicStart)));
+    const double gained = static_cast<double>(
+        static_cast<std::int64_t>((servedEnd - servedStart) - (monotonicEnd - monotonicStart)));
     const double expected = static_cast<double>(monotonicEnd - monotonicStart) * 1e-4;
     EXPECT_NEAR(gained, expected, 20'000.0);
 }
@@ -141,7 +143,8 @@ TEST_F(NetTimeProviderTest, FailuresToStartAreLoggedAndLeaveNothingRunning)
                               ": Address already in use (98)"),
               1u);
     EXPECT_FALSE(second.start("localhost", 0));
-    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time provider address localhost:0"), 1u);
+    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time provider address localhost:0"),
+              1u);
     EXPECT_FALSE(second.start("127.0.0.1", 70000));
     EXPECT_EQ(second.getPort(), 0u);
     EXPECT_EQ(vrx::test::threadCount(), threads);

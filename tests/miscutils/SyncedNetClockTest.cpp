@@ -26,9 +26,9 @@ namespace {
 using miscUtils::NetTimeProvider;
 using miscUtils::SyncedNetClock;
 using miscUtils::TimeValue;
+using vrx::test::descriptorCount;
 using vrx::test::readingError;
 using vrx::test::threadCount;
-using vrx::test::descriptorCount;
 using vrx::test::waitFor;
 using namespace std::chrono_literals;
 
@@ -41,7 +41,10 @@ constexpr unsigned long long MaxRoundTripNs = 175'000'000;
 // are shared and sanitizers slow everything down.
 constexpr std::int64_t Tolerance = 2'000'000;
 
-std::int64_t magnitude(std::int64_t value) { return value < 0 ? -value : value; }
+std::int64_t magnitude(std::int64_t value)
+{
+    return value < 0 ? -value : value;
+}
 
 /// The framework's own time provider in a child process (tests/tools/gst_net_time_provider.cpp).
 class FrameworkProvider
@@ -86,7 +89,8 @@ public:
         if (m_input >= 0)
             close(m_input);
         m_input = -1;
-        if (m_pid > 0) {
+        if (m_pid > 0)
+        {
             int status = 0;
             waitpid(m_pid, &status, 0);
         }
@@ -109,7 +113,10 @@ private:
     unsigned int m_port = 0;
 };
 
-TimeValue monotonicPlus1000Seconds() { return miscUtils::getMonotonicSysclockTime() + 1000 * Second; }
+TimeValue monotonicPlus1000Seconds()
+{
+    return miscUtils::getMonotonicSysclockTime() + 1000 * Second;
+}
 
 class SyncedNetClockTest : public vrx::test::LogCaptureTest
 {
@@ -155,7 +162,8 @@ protected:
         std::int64_t largestError = 0;
         TimeValue previous = m_clock.getSynchronizedTime();
         const auto end = std::chrono::steady_clock::now() + duration;
-        while (std::chrono::steady_clock::now() < end) {
+        while (std::chrono::steady_clock::now() < end)
+        {
             largestError = std::max(largestError, magnitude(errorAgainst(truth)));
             const TimeValue reading = m_clock.getSynchronizedTime();
             EXPECT_GE(reading, previous);
@@ -205,8 +213,8 @@ TEST_F(SyncedNetClockTest, SynchronisesWithOneThreadCallsBackAndFollowsTheOffset
     ASSERT_TRUE(waitFor([&] { return m_clock.isSynchronized(); }));
     ASSERT_TRUE(waitForStateChanges(1));
     EXPECT_TRUE(stateChanges()[0].synchronized);
-    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Synchronized with network time server " +
-                                                          serverName(m_provider.getPort())),
+    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL,
+                          "Synchronized with network time server " + serverName(m_provider.getPort())),
               1u);
     expectFollows([&] { return m_provider.getTime(); });
 
@@ -229,7 +237,8 @@ TEST_F(SyncedNetClockTest, ReadersOnOtherThreadsNeverSeeTheClockGoBack)
     for (int index = 0; index < 2; ++index)
         readers.emplace_back([&] {
             TimeValue previous = 0;
-            while (reading) {
+            while (reading)
+            {
                 const TimeValue now = m_clock.getSynchronizedTime();
                 if (now < previous)
                     ++backwards;
@@ -329,7 +338,8 @@ TEST_F(SyncedNetClockTest, IgnoresGarbageAndUnmatchedReplies)
     vrx::test::UdpSocket server;
     std::atomic<bool> serving{true};
     std::thread fakeServer([&] {
-        while (serving) {
+        while (serving)
+        {
             const auto request = server.receive(20ms);
             if (!request || request->bytes.size() != 16)
                 continue;
@@ -355,10 +365,11 @@ TEST_F(SyncedNetClockTest, IgnoresGarbageAndUnmatchedReplies)
 
     EXPECT_GT(m_log.count(log4cplus::TRACE_LOG_LEVEL, "Ignoring a network time reply of 8 bytes"), 0u);
     EXPECT_GT(m_log.count(log4cplus::TRACE_LOG_LEVEL, "Ignoring a network time reply of 17 bytes"), 0u);
-    EXPECT_GT(m_log.count(log4cplus::TRACE_LOG_LEVEL, "Ignoring a network time reply that answers no pending request"),
+    EXPECT_GT(m_log.count(log4cplus::TRACE_LOG_LEVEL,
+                          "Ignoring a network time reply that answers no pending request"),
               0u);
-    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL,
-                          "Network time server " + serverName(server.port()) + " changed its time base; following it"),
+    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Network time server " + serverName(server.port()) +
+                                                          " changed its time base; following it"),
               0u);
 }
 
@@ -389,7 +400,8 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
     std::atomic<int> lateCallbacks{0};
     std::atomic<int> callbacks{0};
 
-    for (int cycle = 0; cycle < 16; ++cycle) {
+    for (int cycle = 0; cycle < 16; ++cycle)
+    {
         m_clock.startSynchronization("127.0.0.1", port, PollIntervalMs, MaxRoundTripNs, [&, cycle] {
             ++callbacks;
             if (cycle <= stoppedCycle)
@@ -397,9 +409,12 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
         });
         EXPECT_EQ(threadCount(), threads + 1);
         // Stopped at once, while acquiring, or synchronised.
-        if (cycle % 3 == 1) {
+        if (cycle % 3 == 1)
+        {
             std::this_thread::sleep_for(std::chrono::milliseconds(cycle));
-        } else if (cycle % 3 == 2) {
+        }
+        else if (cycle % 3 == 2)
+        {
             EXPECT_TRUE(waitFor([&] { return m_clock.isSynchronized(); }));
         }
         m_clock.stopSynchronization();
@@ -434,8 +449,10 @@ TEST_F(SyncedNetClockTest, StartFailuresAreLoggedAndLeaveTheClockIdle)
     const std::size_t descriptors = descriptorCount();
     m_clock.startSynchronization("localhost", 123, PollIntervalMs, MaxRoundTripNs, nullptr);
     m_clock.startSynchronization("127.0.0.1", 70000, PollIntervalMs, MaxRoundTripNs, nullptr);
-    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address localhost:123"), 1u);
-    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address 127.0.0.1:70000"), 1u);
+    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address localhost:123"),
+              1u);
+    EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address 127.0.0.1:70000"),
+              1u);
     EXPECT_EQ(threadCount(), threads);
     EXPECT_EQ(descriptorCount(), descriptors);
     EXPECT_FALSE(m_clock.isSynchronized());
@@ -453,8 +470,8 @@ TEST_F(SyncedNetClockTest, SynchronisesOverIpv6)
     m_clock.startSynchronization("::1", m_provider.getPort(), PollIntervalMs, MaxRoundTripNs, nullptr);
     ASSERT_TRUE(waitFor([&] { return m_clock.isSynchronized(); }));
     expectFollows([&] { return m_provider.getTime(); });
-    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL,
-                          "Synchronized with network time server [::1]:" + std::to_string(m_provider.getPort())),
+    EXPECT_EQ(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Synchronized with network time server [::1]:" +
+                                                          std::to_string(m_provider.getPort())),
               1u);
 }
 
@@ -479,7 +496,9 @@ TEST_F(SyncedNetClockTest, FollowsTheFrameworkProviderRestartedWithAnotherTimeBa
 
     FrameworkProvider second(port, 1005);
     ASSERT_EQ(second.port(), port);
-    const auto monotonicPlus1005Seconds = [] { return miscUtils::getMonotonicSysclockTime() + 1005 * Second; };
+    const auto monotonicPlus1005Seconds = [] {
+        return miscUtils::getMonotonicSysclockTime() + 1005 * Second;
+    };
     EXPECT_TRUE(waitFor([&] { return magnitude(errorAgainst(monotonicPlus1005Seconds)) < Tolerance; }));
     EXPECT_TRUE(waitFor([&] { return m_clock.isSynchronized(); }));
     expectFollows(monotonicPlus1005Seconds, 500ms);

@@ -39,7 +39,10 @@ private:
 };
 
 namespace {
-log4cplus::Logger voraxisLogger() { return log4cplus::Logger::getInstance("Voraxis"); }
+log4cplus::Logger voraxisLogger()
+{
+    return log4cplus::Logger::getInstance("Voraxis");
+}
 } // namespace
 
 LogCapture::LogCapture() : m_recorder(new Appender)
@@ -61,7 +64,10 @@ LogCapture::~LogCapture()
     logger.setAdditivity(m_previousAdditivity);
 }
 
-std::vector<LogRecord> LogCapture::records() const { return m_recorder->records(); }
+std::vector<LogRecord> LogCapture::records() const
+{
+    return m_recorder->records();
+}
 
 std::vector<std::string> LogCapture::messages() const
 {
@@ -103,6 +109,9 @@ bool LogCapture::contains(const std::string& fragment) const
     });
 }
 
-void LogCapture::clear() { m_recorder->clear(); }
+void LogCapture::clear()
+{
+    m_recorder->clear();
+}
 
 } // namespace vrx::test

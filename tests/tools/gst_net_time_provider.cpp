@@ -22,11 +22,13 @@ int main(int argc, char** argv)
     setenv("GST_REGISTRY_DISABLE", "yes", 1);
     gst_init(nullptr, nullptr);
 
-    GstClock* clock = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+    GstClock* clock =
+        GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
     gst_object_ref_sink(clock);
     gst_clock_set_calibration(clock, 0, static_cast<GstClockTime>(offsetSeconds * GST_SECOND), 1, 1);
     GstNetTimeProvider* provider = gst_net_time_provider_new(clock, "127.0.0.1", port);
-    if (provider == nullptr) {
+    if (provider == nullptr)
+    {
         std::fprintf(stderr, "cannot serve on 127.0.0.1:%d\n", port);
         return 1;
     }
@@ -35,8 +37,8 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     char buffer[256];
-    while (read(STDIN_FILENO, buffer, sizeof(buffer)) > 0) {
-    }
+    while (read(STDIN_FILENO, buffer, sizeof(buffer)) > 0)
+    {}
 
     gst_object_unref(provider);
     gst_object_unref(clock);

@@ -31,7 +31,10 @@ constexpr log4cplus::LogLevel debugLevel = log4cplus::DEBUG_LOG_LEVEL;
 constexpr log4cplus::LogLevel errorLevel = log4cplus::ERROR_LOG_LEVEL;
 
 // Packet bytes written as a string literal; embedded 0 bytes are kept.
-Buffer bytes(std::string_view text) { return Buffer(text.begin(), text.end()); }
+Buffer bytes(std::string_view text)
+{
+    return Buffer(text.begin(), text.end());
+}
 
 const Buffer validPcmHeader = bytes("\x80\xBB\x00\x00\x02\x03"sv);
 
@@ -42,8 +45,7 @@ Buffer sequenceInfo(unsigned int fourcc, const Buffer& codecHeader, unsigned sho
     return packet;
 }
 
-Buffer frame(unsigned short sequenceNr, std::uint64_t timestamp, std::uint64_t duration,
-             const Buffer& media)
+Buffer frame(unsigned short sequenceNr, std::uint64_t timestamp, std::uint64_t duration, const Buffer& media)
 {
     vrx::Payloader payloader(0);
     Buffer packet;
@@ -51,7 +53,10 @@ Buffer frame(unsigned short sequenceNr, std::uint64_t timestamp, std::uint64_t d
     return packet;
 }
 
-MATCHER_P(BytesAre, expected, "") { return Buffer(arg.begin(), arg.end()) == expected; }
+MATCHER_P(BytesAre, expected, "")
+{
+    return Buffer(arg.begin(), arg.end()) == expected;
+}
 
 // Records what the list asks of it; unwraps like the base class unless told otherwise.
 class RecordingDepayloader : public vrx::Depayloader
@@ -125,13 +130,18 @@ TEST_F(DepayloaderListTest, UnregisteredFourccLeavesNoDepayloaderCurrent)
 
 TEST_F(DepayloaderListTest, FourccBytesBelowThirtyTwoAreLoggedAsBlanks)
 {
-    EXPECT_EQ(m_list.consumePacket(bytes("\x01\x00\x00\x00" "\x1F" "X" "\x00" "\x20"sv)),
+    EXPECT_EQ(m_list.consumePacket(bytes("\x01\x00\x00\x00"
+                                         "\x1F"
+                                         "X"
+                                         "\x00"
+                                         "\x20"sv)),
               Retcode::NoMatchingDepayloader);
-    EXPECT_EQ(m_log.count(debugLevel,
-                          "Consumed SequenceInfo packet; looking for payloader with FourCC \" X  \""),
-              1U);
+    EXPECT_EQ(
+        m_log.count(debugLevel, "Consumed SequenceInfo packet; looking for payloader with FourCC \" X  \""),
+        1U);
     m_log.clear();
-    EXPECT_EQ(m_list.consumePacket(bytes("\x01\x00\x00\x00" "!\x01~\x7F"sv)),
+    EXPECT_EQ(m_list.consumePacket(bytes("\x01\x00\x00\x00"
+                                         "!\x01~\x7F"sv)),
               Retcode::NoMatchingDepayloader);
     EXPECT_EQ(m_log.count(debugLevel,
                           "Consumed SequenceInfo packet; looking for payloader with FourCC \"! ~\x7F\""),
@@ -174,15 +184,19 @@ TEST_F(DepayloaderListTest, ShortSequenceInfoIsAnErrorButUpdatesTypeAndSequenceN
     ASSERT_EQ(m_list.consumePacket(sequenceInfo(vrx::PcmFourcc, validPcmHeader, 1)), Retcode::Ok);
     m_log.clear();
 
-    for (const Buffer& packet : {bytes("\x01\x00\x02\x03" "P"sv), bytes("\x01\x00\x02\x03" "PCM"sv)})
+    for (const Buffer& packet : {bytes("\x01\x00\x02\x03"
+                                       "P"sv),
+                                 bytes("\x01\x00\x02\x03"
+                                       "PCM"sv)})
     {
         EXPECT_EQ(m_list.consumePacket(packet), Retcode::Error);
         EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::SequenceInfo);
         EXPECT_EQ(m_list.getCurrentSequenceNr(), 0x0302);
         EXPECT_EQ(m_list.getCurrentDepayloader(), &m_pcm);
     }
-    EXPECT_EQ(logLines(), (std::vector<LogLine>{{errorLevel, "Could not read VRX SequenceInfo packet FourCC"},
-                                                {errorLevel, "Could not read VRX SequenceInfo packet FourCC"}}));
+    EXPECT_EQ(logLines(),
+              (std::vector<LogLine>{{errorLevel, "Could not read VRX SequenceInfo packet FourCC"},
+                                    {errorLevel, "Could not read VRX SequenceInfo packet FourCC"}}));
 }
 
 // --- Frame packets ------------------------------------------------------------------------
@@ -282,8 +296,7 @@ TEST_F(DepayloaderListTest, OtherTypeBytesAreIgnoredAsUnknown)
 TEST_F(DepayloaderListDeathTest, PacketsOfFourBytesOrFewerStopTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string expected =
-        vrx::test::assertionFailure("packetData.size() > 4") + ".*consumePacket";
+    const std::string expected = vrx::test::assertionFailure("packetData.size() > 4") + ".*consumePacket";
     EXPECT_DEATH(m_list.consumePacket(bytes("\x02\x00\x01\x00"sv)), expected);
     EXPECT_DEATH(m_list.consumePacket(ByteSpan{}), expected);
 }

@@ -27,7 +27,8 @@ constexpr const char* scratchVariable = "VRX_SENDER_TEST_SCRATCH";
 
 int remainingMilliseconds(std::chrono::steady_clock::time_point end)
 {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
@@ -89,7 +90,8 @@ ScratchDirectory::~ScratchDirectory()
     std::filesystem::remove_all(m_path, ignored);
 }
 
-ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value)
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
+                                                     const std::optional<std::string>& value)
     : m_name(std::move(name))
 {
     if (const char* previous = std::getenv(m_name.c_str()))
@@ -178,7 +180,10 @@ SidechannelClient::SidechannelClient(const std::string& address)
     }
 }
 
-SidechannelClient::~SidechannelClient() { close(); }
+SidechannelClient::~SidechannelClient()
+{
+    close();
+}
 
 void SidechannelClient::close()
 {
@@ -319,7 +324,8 @@ Buffer expectedPcmSequenceInfo(std::uint16_t sequenceNr)
     return packet;
 }
 
-Buffer expectedFrame(std::uint16_t sequenceNr, std::uint64_t timestamp, std::uint64_t duration, const Buffer& media)
+Buffer expectedFrame(std::uint16_t sequenceNr, std::uint64_t timestamp, std::uint64_t duration,
+                     const Buffer& media)
 {
     Buffer packet{0x02, 0x00};
     appendLittleEndian(packet, sequenceNr, 2);
@@ -337,7 +343,10 @@ Buffer mediaFrame(unsigned char seed)
     return media;
 }
 
-bool isSequenceInfo(const Buffer& packet) { return packet.size() >= 8 && packet[0] == 1; }
+bool isSequenceInfo(const Buffer& packet)
+{
+    return packet.size() >= 8 && packet[0] == 1;
+}
 
 bool isFrameWithTimestamp(const Buffer& packet, std::uint64_t timestamp)
 {
@@ -359,12 +368,15 @@ std::vector<int> acceptedClientDescriptors(const LogCapture& log)
     return descriptors;
 }
 
-SenderTest::SenderTest() { m_payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE); }
+SenderTest::SenderTest()
+{
+    m_payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+}
 
 bool SenderTest::initialize(NanomsgProtocol protocol, const std::string& alternativeAddress)
 {
-    return m_sender.initializeSender(m_address, alternativeAddress, "", 0, TimeSyncProtocol::MonotonicSystemClock,
-                                     protocol);
+    return m_sender.initializeSender(m_address, alternativeAddress, "", 0,
+                                     TimeSyncProtocol::MonotonicSystemClock, protocol);
 }
 
 std::string SenderTest::senderDirectory() const

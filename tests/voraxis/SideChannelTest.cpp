@@ -20,7 +20,10 @@ using vrx::NanomsgProtocol;
 using vrx::TimeSyncProtocol;
 
 // Packet bytes written as a string literal ("\x01\x00" "ab" ...); embedded 0 bytes are kept.
-Buffer bytes(std::string_view text) { return Buffer(text.begin(), text.end()); }
+Buffer bytes(std::string_view text)
+{
+    return Buffer(text.begin(), text.end());
+}
 
 InitialInfo makeInfo(std::string address, std::uint16_t port, TimeSyncProtocol timeSync,
                      NanomsgProtocol nanomsg, std::string uri)
@@ -66,8 +69,8 @@ TEST(ProtocolText, NanomsgProtocolStringsBothWays)
 
 TEST(ProtocolText, ConversionIsExactCaseSensitiveAndWholeString)
 {
-    for (const std::string& text : {"SYSCLOCK"s, "Sysclock"s, "sysclock "s, " sysclock"s,
-                                   "sysclock\0"s, "sysclock\n"s, "sys"s, "gstnetclock2"s})
+    for (const std::string& text : {"SYSCLOCK"s, "Sysclock"s, "sysclock "s, " sysclock"s, "sysclock\0"s,
+                                    "sysclock\n"s, "sys"s, "gstnetclock2"s})
         EXPECT_EQ(vrx::toTimeSyncProtocol(text), TimeSyncProtocol::Unknown) << '"' << text << '"';
     for (const std::string& text : {"PubSub"s, "pubsub "s, "pub"s, "pipeline\0"s, "Pipeline"s})
         EXPECT_EQ(vrx::toNanomsgProtocol(text), NanomsgProtocol::Unknown) << '"' << text << '"';
@@ -80,7 +83,12 @@ TEST(InitialInfoPacket, EmptyStringsGiveTheEightByteLayout)
     const InitialInfo info =
         makeInfo("", 4660, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline, "");
     const Buffer packet = vrx::produceInitialInfoPacket(info);
-    EXPECT_EQ(packet, bytes("\x01\x00" "\x00" "\x34\x12" "\x02" "\x01" "\x00"sv));
+    EXPECT_EQ(packet, bytes("\x01\x00"
+                            "\x00"
+                            "\x34\x12"
+                            "\x02"
+                            "\x01"
+                            "\x00"sv));
     EXPECT_EQ(vrx::parseInitialInfoPacket(packet), info);
 }
 
@@ -90,19 +98,27 @@ TEST(InitialInfoPacket, FieldsFollowEachOtherWithoutPadding)
                                       NanomsgProtocol::PubSub, "ipc:///tmp/vrx/VrxSender-a1b2c3");
     const Buffer packet = vrx::produceInitialInfoPacket(info);
     EXPECT_EQ(packet, bytes("\x01\x00"
-                            "10.0.0.1" "\x00"
-                            "\x58\x1B" "\x01" "\x02"
-                            "ipc:///tmp/vrx/VrxSender-a1b2c3" "\x00"sv));
+                            "10.0.0.1"
+                            "\x00"
+                            "\x58\x1B"
+                            "\x01"
+                            "\x02"
+                            "ipc:///tmp/vrx/VrxSender-a1b2c3"
+                            "\x00"sv));
     EXPECT_EQ(packet.size(), info.timeSyncIPAddress.size() + info.nanomsgUri.size() + 8);
 }
 
 TEST(InitialInfoPacket, VersionAndPortAreLittleEndianAndProtocolsTakeTheirLowByte)
 {
-    InitialInfo info = makeInfo("", 0xABCD, static_cast<TimeSyncProtocol>(0x107),
-                                static_cast<NanomsgProtocol>(0xFF09), "u");
+    InitialInfo info =
+        makeInfo("", 0xABCD, static_cast<TimeSyncProtocol>(0x107), static_cast<NanomsgProtocol>(0xFF09), "u");
     info.version = 0x0201;
-    EXPECT_EQ(vrx::produceInitialInfoPacket(info),
-              bytes("\x01\x02" "\x00" "\xCD\xAB" "\x07" "\x09" "u\x00"sv));
+    EXPECT_EQ(vrx::produceInitialInfoPacket(info), bytes("\x01\x02"
+                                                         "\x00"
+                                                         "\xCD\xAB"
+                                                         "\x07"
+                                                         "\x09"
+                                                         "u\x00"sv));
 }
 
 TEST(InitialInfoPacket, RoundTripsKeepEveryField)
@@ -126,15 +142,24 @@ TEST(InitialInfoPacket, RoundTripsKeepEveryField)
 
 TEST(InitialInfoPacket, ParsesHandWrittenPacketAndIgnoresBytesAfterTheUri)
 {
-    const InitialInfo info = vrx::parseInitialInfoPacket(
-        bytes("\x01\x00" "ab\x00" "\x34\x12" "\x01" "\x02" "ipc://x\x00" "trailing\x00\x07"sv));
-    EXPECT_EQ(info, makeInfo("ab", 4660, TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub,
-                             "ipc://x"));
+    const InitialInfo info = vrx::parseInitialInfoPacket(bytes("\x01\x00"
+                                                               "ab\x00"
+                                                               "\x34\x12"
+                                                               "\x01"
+                                                               "\x02"
+                                                               "ipc://x\x00"
+                                                               "trailing\x00\x07"sv));
+    EXPECT_EQ(info, makeInfo("ab", 4660, TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub, "ipc://x"));
 }
 
 TEST(InitialInfoPacket, OutOfRangeProtocolBytesAreCarriedThrough)
 {
-    const Buffer packet = bytes("\x01\x00" "\x00" "\x00\x00" "\x07" "\x09" "\x00"sv);
+    const Buffer packet = bytes("\x01\x00"
+                                "\x00"
+                                "\x00\x00"
+                                "\x07"
+                                "\x09"
+                                "\x00"sv);
     const InitialInfo info = vrx::parseInitialInfoPacket(packet);
     EXPECT_EQ(static_cast<std::uint32_t>(info.timeSyncProtocol), 7U);
     EXPECT_EQ(static_cast<std::uint32_t>(info.nanomsgProtocol), 9U);
@@ -151,7 +176,10 @@ struct MalformedPacket
     std::string_view content;
 };
 
-void PrintTo(const MalformedPacket& packet, std::ostream* out) { *out << packet.name; }
+void PrintTo(const MalformedPacket& packet, std::ostream* out)
+{
+    *out << packet.name;
+}
 
 class MalformedInitialInfoDeathTest : public ::testing::TestWithParam<MalformedPacket>
 {
@@ -170,20 +198,34 @@ TEST_P(MalformedInitialInfoDeathTest, StopsWithAssertionOk)
 // The address "ab" makes every later offset depend on its length.
 INSTANTIATE_TEST_SUITE_P(
     BoundChecks, MalformedInitialInfoDeathTest,
-    ::testing::Values(
-        MalformedPacket{"Empty", ""sv},
-        MalformedPacket{"OneByte", "\x01"sv},
-        MalformedPacket{"NoByteAtOffsetTwo", "\x01\x00"sv},
-        // The 0 at offset 1 belongs to the version and must not end the address.
-        MalformedPacket{"NoZeroAfterOffsetTwo", "\x01\x00" "ab"sv},
-        MalformedPacket{"EndsAfterAddress", "\x01\x00" "ab\x00"sv},
-        MalformedPacket{"EndsInsidePort", "\x01\x00" "ab\x00" "\x34"sv},
-        MalformedPacket{"EndsRightAfterPort", "\x01\x00" "ab\x00" "\x34\x12"sv},
-        MalformedPacket{"EndsAfterTimeSyncProtocol", "\x01\x00" "ab\x00" "\x34\x12\x02"sv},
-        MalformedPacket{"EndsAfterNanomsgProtocol", "\x01\x00" "ab\x00" "\x34\x12\x02\x02"sv},
-        MalformedPacket{"UriWithoutTerminator", "\x01\x00" "ab\x00" "\x34\x12\x02\x02" "ipc"sv},
-        // Zero port and protocol bytes lie before the URI and must not terminate it.
-        MalformedPacket{"ZeroFieldsBeforeUri", "\x01\x00" "ab\x00" "\x00\x00\x00\x00" "u"sv}),
+    ::testing::Values(MalformedPacket{"Empty", ""sv}, MalformedPacket{"OneByte", "\x01"sv},
+                      MalformedPacket{"NoByteAtOffsetTwo", "\x01\x00"sv},
+                      // The 0 at offset 1 belongs to the version and must not end the address.
+                      MalformedPacket{"NoZeroAfterOffsetTwo", "\x01\x00"
+                                                              "ab"sv},
+                      MalformedPacket{"EndsAfterAddress", "\x01\x00"
+                                                          "ab\x00"sv},
+                      MalformedPacket{"EndsInsidePort", "\x01\x00"
+                                                        "ab\x00"
+                                                        "\x34"sv},
+                      MalformedPacket{"EndsRightAfterPort", "\x01\x00"
+                                                            "ab\x00"
+                                                            "\x34\x12"sv},
+                      MalformedPacket{"EndsAfterTimeSyncProtocol", "\x01\x00"
+                                                                   "ab\x00"
+                                                                   "\x34\x12\x02"sv},
+                      MalformedPacket{"EndsAfterNanomsgProtocol", "\x01\x00"
+                                                                  "ab\x00"
+                                                                  "\x34\x12\x02\x02"sv},
+                      MalformedPacket{"UriWithoutTerminator", "\x01\x00"
+                                                              "ab\x00"
+                                                              "\x34\x12\x02\x02"
+                                                              "ipc"sv},
+                      // Zero port and protocol bytes lie before the URI and must not terminate it.
+                      MalformedPacket{"ZeroFieldsBeforeUri", "\x01\x00"
+                                                             "ab\x00"
+                                                             "\x00\x00\x00\x00"
+                                                             "u"sv}),
     [](const ::testing::TestParamInfo<MalformedPacket>& info) { return info.param.name; });
 
 // --- sidechannel message framing -----------------------------------------------------------

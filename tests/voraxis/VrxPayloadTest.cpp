@@ -19,7 +19,10 @@ using vrx::ByteSpan;
 using vrx::PacketType;
 
 // Packet bytes written as a string literal; embedded 0 bytes are kept.
-Buffer bytes(std::string_view text) { return Buffer(text.begin(), text.end()); }
+Buffer bytes(std::string_view text)
+{
+    return Buffer(text.begin(), text.end());
+}
 
 // --- packet type and common header -----------------------------------------------------
 
@@ -35,8 +38,7 @@ TEST(PacketType, ToStringNamesTheTypesAndDummyBeyondTheEnumeration)
 TEST(PacketTypeDeathTest, CountIsNotAPacketType)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(vrx::toString(PacketType::Count),
-                 vrx::test::assertionFailure("false") + ".*toString");
+    EXPECT_DEATH(vrx::toString(PacketType::Count), vrx::test::assertionFailure("false") + ".*toString");
 }
 
 TEST(PacketHeader, TypeComesFromByteZeroOnly)
@@ -68,10 +70,13 @@ TEST(SequenceInfoPacket, HeaderFourccAndCodecHeaderInOrder)
 {
     Buffer packet;
     vrx::produceSequenceInfoPacket(packet, vrx::PcmFourcc, {}, 258);
-    EXPECT_EQ(packet, bytes("\x01\x00\x02\x01" "PCMA"sv));
+    EXPECT_EQ(packet, bytes("\x01\x00\x02\x01"
+                            "PCMA"sv));
 
     vrx::produceSequenceInfoPacket(packet, 0x04030201, bytes("\x80\xBB\x00\x00\x02\x03"sv), 0xFFFF);
-    EXPECT_EQ(packet, bytes("\x01\x00\xFF\xFF" "\x01\x02\x03\x04" "\x80\xBB\x00\x00\x02\x03"sv));
+    EXPECT_EQ(packet, bytes("\x01\x00\xFF\xFF"
+                            "\x01\x02\x03\x04"
+                            "\x80\xBB\x00\x00\x02\x03"sv));
 }
 
 TEST(FramePacket, TwentyByteHeaderThenMedia)
@@ -104,7 +109,8 @@ TEST(PacketBuffer, SmallerPacketAfterLargerOneIsExactAndStorageIsReused)
     EXPECT_EQ(Buffer(packet.begin() + 20, packet.end()), bytes("\x0A\x0B\x0C"sv));
 
     vrx::produceSequenceInfoPacket(packet, vrx::PcmFourcc, {}, 258);
-    EXPECT_EQ(packet, bytes("\x01\x00\x02\x01" "PCMA"sv));
+    EXPECT_EQ(packet, bytes("\x01\x00\x02\x01"
+                            "PCMA"sv));
 
     payloader.produceFramePacket(packet, 9, 100, 200, Buffer(1000, 0x11));
     EXPECT_EQ(packet.size(), 1020U);
@@ -152,14 +158,14 @@ TEST(DerivedPayloader, SizesTheBufferFirstThenWrapsBehindTheHeader)
     Buffer packet(500, 0x55);
     payloader.produceFramePacket(packet, 3, 4, 5, bytes("\x00\x0F\xF0"sv));
 
-    EXPECT_EQ(payloader.m_calls,
-              (std::vector<std::string>{"getSizeForWrappedFrame", "wrapFrame"}));
+    EXPECT_EQ(payloader.m_calls, (std::vector<std::string>{"getSizeForWrappedFrame", "wrapFrame"}));
     EXPECT_EQ(payloader.m_packetSizeSeenByWrap, 25U);
     EXPECT_EQ(payloader.m_headerSeenByWrap, bytes("\x02\x00\x03\x00"sv));
     EXPECT_EQ(packet, bytes("\x02\x00\x03\x00"
                             "\x04\x00\x00\x00\x00\x00\x00\x00"
                             "\x05\x00\x00\x00\x00\x00\x00\x00"
-                            "\x03\x00" "\xFF\xF0\x0F"sv));
+                            "\x03\x00"
+                            "\xFF\xF0\x0F"sv));
 }
 
 // Claims less room than the media needs but keeps the base class's copying wrapFrame.

@@ -31,8 +31,8 @@ TEST_F(SenderListenerTest, AClientBeforeTheFirstSequenceIsGreetedWithInitialInfo
 
     SidechannelClient client(m_address);
     ASSERT_TRUE(client.connected());
-    const Buffer expected = framed(
-        expectedInitialInfo("192.168.17.4", 4660, TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub, uri));
+    const Buffer expected = framed(expectedInitialInfo("192.168.17.4", 4660, TimeSyncProtocol::GstNetClock,
+                                                       NanomsgProtocol::PubSub, uri));
     EXPECT_EQ(client.readMessage(), expected);
     // The port travels as 34 12, right behind the address and its terminator.
     EXPECT_EQ(expected[4 + 2 + 12 + 1], 0x34);
@@ -44,7 +44,8 @@ TEST_F(SenderListenerTest, AClientBeforeTheFirstSequenceIsGreetedWithInitialInfo
     const std::vector<int> clients = acceptedClientDescriptors(m_log);
     ASSERT_EQ(clients.size(), 1u);
     const std::string fd = std::to_string(clients.front());
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Sending InitialInfo packet with " + std::to_string(expected.size() - 4) +
+    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Sending InitialInfo packet with " +
+                                               std::to_string(expected.size() - 4) +
                                                " bytes to connection with FD " + fd),
               1u);
     EXPECT_FALSE(m_log.contains("Sending SequenceInfo packet"));
@@ -56,19 +57,21 @@ TEST_F(SenderListenerTest, AClientAfterASequenceStartedAlsoGetsTheCurrentSequenc
     const std::string uri = nanomsgUriOf(senderDirectory());
     m_sender.setCurrentPayloader(m_payloader);
     m_sender.startNewSequence();
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "There are no client connections; no need to send SequenceInfo packet now"),
+    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL,
+                          "There are no client connections; no need to send SequenceInfo packet now"),
               1u);
 
     SidechannelClient first(m_address);
     ASSERT_TRUE(first.connected());
-    EXPECT_EQ(first.readMessage(),
-              framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub, uri)));
+    EXPECT_EQ(first.readMessage(), framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                                              NanomsgProtocol::PubSub, uri)));
     EXPECT_EQ(first.readMessage(), framed(expectedPcmSequenceInfo(1)));
     m_sender.sendDataOverAllClientConnections(m_marker);
     EXPECT_EQ(first.readMessage(), framed(m_marker));
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Sending SequenceInfo packet with 14 bytes to connection with FD " +
-                                               std::to_string(acceptedClientDescriptors(m_log).at(0))),
-              1u);
+    EXPECT_EQ(
+        m_log.count(DEBUG_LOG_LEVEL, "Sending SequenceInfo packet with 14 bytes to connection with FD " +
+                                         std::to_string(acceptedClientDescriptors(m_log).at(0))),
+        1u);
 
     // A new format reaches the connected client over the main channel, not the sidechannel;
     // later clients get it in their greeting.
@@ -92,9 +95,9 @@ TEST_F(SenderListenerTest, ATimeSyncPortAbove65535ReachesReceiversInItsLow16Bits
     ASSERT_TRUE(m_sender.initializeSender(m_address, "", "", 70000, TimeSyncProtocol::GstNetClock,
                                           NanomsgProtocol::Pipeline));
     SidechannelClient client(m_address);
-    EXPECT_EQ(client.readMessage(), framed(expectedInitialInfo("", 70000 - 65536, TimeSyncProtocol::GstNetClock,
-                                                               NanomsgProtocol::Pipeline,
-                                                               nanomsgUriOf(senderDirectory()))));
+    EXPECT_EQ(client.readMessage(),
+              framed(expectedInitialInfo("", 70000 - 65536, TimeSyncProtocol::GstNetClock,
+                                         NanomsgProtocol::Pipeline, nanomsgUriOf(senderDirectory()))));
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
 }
 
@@ -110,8 +113,9 @@ TEST_F(SenderListenerTest, TheAlternativeAddressIsUsedWhenTheMainOneIsTaken)
                                         NanomsgProtocol::PubSub));
 
     const std::vector<std::string> debug = m_log.messages(DEBUG_LOG_LEVEL);
-    const std::string bindFailure = "Could not bind listener socket: " + miscUtils::strerror_r_safe(EADDRINUSE) + " (" +
-                                    std::to_string(EADDRINUSE) + ")";
+    const std::string bindFailure =
+        "Could not bind listener socket: " + miscUtils::strerror_r_safe(EADDRINUSE) + " (" +
+        std::to_string(EADDRINUSE) + ")";
     const auto failure = std::find(debug.begin(), debug.end(), bindFailure);
     ASSERT_NE(failure, debug.end());
     ASSERT_NE(std::next(failure), debug.end());
@@ -126,12 +130,12 @@ TEST_F(SenderListenerTest, TheAlternativeAddressIsUsedWhenTheMainOneIsTaken)
     ASSERT_EQ(secondDirectory.size(), 1u);
     SidechannelClient onAlternative(alternative);
     EXPECT_EQ(onAlternative.readMessage(),
-              framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub,
-                                         nanomsgUriOf(secondDirectory.front()))));
+              framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                         NanomsgProtocol::PubSub, nanomsgUriOf(secondDirectory.front()))));
     SidechannelClient onMain(m_address);
     EXPECT_EQ(onMain.readMessage(),
-              framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub,
-                                         nanomsgUriOf(firstDirectory.at(0)))));
+              framed(expectedInitialInfo("", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                         NanomsgProtocol::PubSub, nanomsgUriOf(firstDirectory.at(0)))));
 }
 
 // Sockets of this process, by their /proc/self/fd entries.
@@ -149,11 +153,12 @@ TEST_F(SenderListenerTest, WithoutAUsableAddressSetUpFailsAndLeavesNoSocketOpen)
     ASSERT_TRUE(initialize(NanomsgProtocol::PubSub));
     Sender holderOfAlternative;
     const std::string alternative = uniqueSocketAddress("alternative");
-    ASSERT_TRUE(holderOfAlternative.initializeSender(alternative, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
-                                                     NanomsgProtocol::PubSub));
+    ASSERT_TRUE(holderOfAlternative.initializeSender(
+        alternative, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
     const std::vector<std::string> socketsBefore = openSockets();
-    const std::string bindFailure = "Could not bind listener socket: " + miscUtils::strerror_r_safe(EADDRINUSE) + " (" +
-                                    std::to_string(EADDRINUSE) + ")";
+    const std::string bindFailure =
+        "Could not bind listener socket: " + miscUtils::strerror_r_safe(EADDRINUSE) + " (" +
+        std::to_string(EADDRINUSE) + ")";
 
     {
         Sender sender;
@@ -167,8 +172,8 @@ TEST_F(SenderListenerTest, WithoutAUsableAddressSetUpFailsAndLeavesNoSocketOpen)
     {
         Sender sender;
         m_log.clear();
-        EXPECT_FALSE(sender.initializeSender(m_address, alternative, "", 0, TimeSyncProtocol::MonotonicSystemClock,
-                                             NanomsgProtocol::PubSub));
+        EXPECT_FALSE(sender.initializeSender(
+            m_address, alternative, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
         EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, bindFailure), 2u);
         EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Binding to alternative address " + alternative), 1u);
         EXPECT_EQ(openSockets(), socketsBefore);
@@ -185,7 +190,8 @@ TEST_F(SenderListenerTest, ConnectionsAreCountedUntilTheirClientsClose)
 
     SidechannelClient first(m_address);
     ASSERT_TRUE(first.readMessage());
-    EXPECT_TRUE(m_sender.areThereClientConnections()) << "the greeting is sent after the connection is counted";
+    EXPECT_TRUE(m_sender.areThereClientConnections())
+        << "the greeting is sent after the connection is counted";
     SidechannelClient second(m_address);
     ASSERT_TRUE(second.readMessage());
     const std::vector<int> clients = acceptedClientDescriptors(m_log);
@@ -225,11 +231,14 @@ TEST_F(SenderListenerTest, SendingToAllConnectionsAlsoTriesTheWakeupPipeAndTheLi
     // Entry 0, the wake-up pipe's read end, is no socket; entry 1 listens and has no peer.
     EXPECT_TRUE(messages[0].starts_with("Sending message with 3 bytes over client connection with FD "));
     EXPECT_TRUE(messages[1].starts_with(sizeFailure));
-    EXPECT_TRUE(messages[1].ends_with(": " + miscUtils::strerror_r_safe(ENOTSOCK) + " (" + std::to_string(ENOTSOCK) + ")"));
+    EXPECT_TRUE(messages[1].ends_with(": " + miscUtils::strerror_r_safe(ENOTSOCK) + " (" +
+                                      std::to_string(ENOTSOCK) + ")"));
     EXPECT_TRUE(messages[2].starts_with("Sending message with 3 bytes over client connection with FD "));
     EXPECT_TRUE(messages[3].starts_with(sizeFailure));
-    EXPECT_TRUE(messages[3].ends_with(": " + miscUtils::strerror_r_safe(ENOTCONN) + " (" + std::to_string(ENOTCONN) + ")"));
-    EXPECT_EQ(messages[4], "Sending message with 3 bytes over client connection with FD " + std::to_string(clientFD));
+    EXPECT_TRUE(messages[3].ends_with(": " + miscUtils::strerror_r_safe(ENOTCONN) + " (" +
+                                      std::to_string(ENOTCONN) + ")"));
+    EXPECT_EQ(messages[4],
+              "Sending message with 3 bytes over client connection with FD " + std::to_string(clientFD));
     EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL).size(), 2u);
 }
 

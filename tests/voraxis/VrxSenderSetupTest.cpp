@@ -25,17 +25,18 @@ using log4cplus::ERROR_LOG_LEVEL;
 using log4cplus::TRACE_LOG_LEVEL;
 
 class SenderSetupTest : public SenderTest
-{
-};
+{};
 
 bool isDirectory(const std::string& path)
 {
-    struct stat status{};
+    struct stat status
+    {};
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 // A sidechannel client that reads the greeting proves that the listener thread serves.
-void expectGreeting(const std::string& address, std::uint16_t port, NanomsgProtocol protocol, const std::string& uri)
+void expectGreeting(const std::string& address, std::uint16_t port, NanomsgProtocol protocol,
+                    const std::string& uri)
 {
     SidechannelClient client(address);
     ASSERT_TRUE(client.connected()) << std::strerror(client.connectError());
@@ -50,7 +51,8 @@ TEST_F(SenderSetupTest, CreatesAPrivateDirectoryUnderTmpdirAndRemovesItOnShutdow
     const std::string directory = senderDirectory();
     ASSERT_FALSE(directory.empty()) << "expected exactly one VrxSender-XXXXXX in " << m_scratch.path();
     EXPECT_EQ(std::filesystem::path(directory).parent_path(), m_scratch.path());
-    struct stat status{};
+    struct stat status
+    {};
     ASSERT_EQ(stat(directory.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0777u) << "receivers of other users must reach the socket";
     // Publish/subscribe: the sender binds, so the socket file is its own.
@@ -59,7 +61,8 @@ TEST_F(SenderSetupTest, CreatesAPrivateDirectoryUnderTmpdirAndRemovesItOnShutdow
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
 
     const std::string uri = nanomsgUriOf(directory);
-    EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Setting up sender with socket address \"" + m_address + "\""), 1u);
+    EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Setting up sender with socket address \"" + m_address + "\""),
+              1u);
     EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Nanomsg URI: \"" + uri + "\""), 1u);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Listener set up"), 1u);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Sender initialized"), 1u);
@@ -70,8 +73,12 @@ TEST_F(SenderSetupTest, CreatesAPrivateDirectoryUnderTmpdirAndRemovesItOnShutdow
     m_sender.shutdownSender();
     EXPECT_FALSE(std::filesystem::exists(directory));
     EXPECT_TRUE(std::filesystem::is_empty(m_scratch.path()));
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Deleting nanomsg IPC socket file \"" + ipcFile + "\" if it exists"), 1u);
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Deleting temporary nanomsg socket directory \"" + directory + "\""), 1u);
+    EXPECT_EQ(
+        m_log.count(DEBUG_LOG_LEVEL, "Deleting nanomsg IPC socket file \"" + ipcFile + "\" if it exists"),
+        1u);
+    EXPECT_EQ(
+        m_log.count(DEBUG_LOG_LEVEL, "Deleting temporary nanomsg socket directory \"" + directory + "\""),
+        1u);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Listener shut down"), 1u);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Sender shut down"), 1u);
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
@@ -93,7 +100,8 @@ TEST_F(SenderSetupTest, TmpdirNamingAMissingDirectoryFailsWithoutCreatingIt)
 
     EXPECT_FALSE(initialize(NanomsgProtocol::PubSub));
     EXPECT_EQ(m_log.count(ERROR_LOG_LEVEL, "Could not create temporary directory for nanomsg SP socket: " +
-                                               miscUtils::strerror_r_safe(ENOENT) + " (" + std::to_string(ENOENT) + ")"),
+                                               miscUtils::strerror_r_safe(ENOENT) + " (" +
+                                               std::to_string(ENOENT) + ")"),
               1u);
     EXPECT_FALSE(std::filesystem::exists(missing));
     // Set-up stopped before the listener.
@@ -121,11 +129,12 @@ TEST_F(SenderSetupTest, WithoutTmpdirTheDirectoryGoesUnderTmpVrxWhichIsNotCreate
     if (!parentExisted)
     {
         ASSERT_FALSE(initialize(NanomsgProtocol::PubSub));
-        EXPECT_EQ(m_log.count(ERROR_LOG_LEVEL, "Could not create temporary directory for nanomsg SP socket: " +
-                                                   miscUtils::strerror_r_safe(ENOENT) + " (" +
-                                                   std::to_string(ENOENT) + ")"),
+        EXPECT_EQ(m_log.count(ERROR_LOG_LEVEL,
+                              "Could not create temporary directory for nanomsg SP socket: " +
+                                  miscUtils::strerror_r_safe(ENOENT) + " (" + std::to_string(ENOENT) + ")"),
                   1u);
-        EXPECT_FALSE(std::filesystem::exists(defaultParent)) << "the sender must not create its parent directory";
+        EXPECT_FALSE(std::filesystem::exists(defaultParent))
+            << "the sender must not create its parent directory";
         ASSERT_EQ(mkdir(defaultParent.c_str(), 0777), 0);
     }
 
@@ -156,8 +165,9 @@ TEST_F(SenderSetupTest, AnAddressOf108CharactersIsReportedAndCutTo107)
     ASSERT_TRUE(m_sender.initializeSender(longAddress, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
                                           NanomsgProtocol::PubSub))
         << "the length check only warns; set-up carries on";
-    EXPECT_EQ(m_log.count(ERROR_LOG_LEVEL, "Cannot set up sender since the Unix domain socket address is too long "
-                                           "(max allowed length: 107 actual length: 108)"),
+    EXPECT_EQ(m_log.count(ERROR_LOG_LEVEL,
+                          "Cannot set up sender since the Unix domain socket address is too long "
+                          "(max allowed length: 107 actual length: 108)"),
               1u);
     expectGreeting(longAddress.substr(0, 107), 0, NanomsgProtocol::PubSub, nanomsgUriOf(senderDirectory()));
 }
@@ -200,7 +210,8 @@ struct ProcessBaseline
 
 ProcessBaseline baselineAfterAWarmUpCycle(Sender& sender, const std::string& address)
 {
-    if (sender.initializeSender(address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub))
+    if (sender.initializeSender(address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                NanomsgProtocol::PubSub))
         sender.shutdownSender();
     return {openDescriptors(), threadCount()};
 }

@@ -26,9 +26,8 @@ protected:
     // A send runs on its own thread here when it is expected to wait for the main channel.
     std::future<void> sendInTheBackground(std::uint64_t timestamp)
     {
-        return std::async(std::launch::async, [this, timestamp] {
-            m_sender.sendMediaData(timestamp, frameDuration, m_media);
-        });
+        return std::async(std::launch::async,
+                          [this, timestamp] { m_sender.sendMediaData(timestamp, frameDuration, m_media); });
     }
 
     // True when the background send has returned; a send that stays stuck is released by
@@ -68,10 +67,12 @@ TEST_F(SenderStreamTest, ASubscriberReceivesSequenceInfoAndFramesByteForByte)
 
     std::uint16_t latestSequence = 0;
     const std::optional<Buffer> sequenceInfo = sendUntilReceived(
-        subscriber, [&] {
+        subscriber,
+        [&] {
             m_sender.startNewSequence();
             ++latestSequence;
-        }, isSequenceInfo);
+        },
+        isSequenceInfo);
     ASSERT_TRUE(sequenceInfo);
     EXPECT_GE(sequenceNrOf(*sequenceInfo), 1);
     EXPECT_LE(sequenceNrOf(*sequenceInfo), latestSequence);
@@ -83,7 +84,9 @@ TEST_F(SenderStreamTest, ASubscriberReceivesSequenceInfoAndFramesByteForByte)
         [&](const Buffer& packet) { return isFrameWithTimestamp(packet, timestamp); });
     EXPECT_EQ(frame, expectedFrame(latestSequence, timestamp, frameDuration, m_media));
 
-    EXPECT_GE(m_log.count(TRACE_LOG_LEVEL, "Payloader wrapped media data with 1920 byte into packet with 1940 byte"), 1u);
+    EXPECT_GE(m_log.count(TRACE_LOG_LEVEL,
+                          "Payloader wrapped media data with 1920 byte into packet with 1940 byte"),
+              1u);
     EXPECT_GE(m_log.count(TRACE_LOG_LEVEL, "Nanomsg watch FD activity"), 1u);
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
 }
@@ -104,7 +107,8 @@ TEST_F(SenderStreamTest, APipelineReceiverThatBindsTheUriReceivesEveryPacket)
     {
         const Buffer media = mediaFrame(static_cast<unsigned char>(index));
         m_sender.sendMediaData(1000 + index, frameDuration, media);
-        EXPECT_EQ(puller.receive(), expectedFrame(1, 1000 + index, frameDuration, media)) << "frame " << index;
+        EXPECT_EQ(puller.receive(), expectedFrame(1, 1000 + index, frameDuration, media))
+            << "frame " << index;
     }
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
 }
@@ -136,7 +140,9 @@ TEST_F(SenderStreamTest, SequencesAndFramesNeedARunningSenderAndTheNumberSurvive
 {
     m_sender.setCurrentPayloader(m_payloader);
     m_sender.startNewSequence();
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Not starting new sequence since the listener thread is not running"), 1u);
+    EXPECT_EQ(
+        m_log.count(DEBUG_LOG_LEVEL, "Not starting new sequence since the listener thread is not running"),
+        1u);
     m_sender.sendMediaData(1, frameDuration, m_media);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Cannot send media data: Listener thread is not running"), 1u);
 
@@ -149,7 +155,9 @@ TEST_F(SenderStreamTest, SequencesAndFramesNeedARunningSenderAndTheNumberSurvive
     m_log.clear();
     m_sender.startNewSequence();
     m_sender.sendMediaData(1, frameDuration, m_media);
-    EXPECT_EQ(m_log.count(DEBUG_LOG_LEVEL, "Not starting new sequence since the listener thread is not running"), 1u);
+    EXPECT_EQ(
+        m_log.count(DEBUG_LOG_LEVEL, "Not starting new sequence since the listener thread is not running"),
+        1u);
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Cannot send media data: Listener thread is not running"), 1u);
     EXPECT_FALSE(m_log.contains("Sending data with"));
 
@@ -195,7 +203,8 @@ TEST_F(SenderStreamTest, DisableSendWakesASendThatWaitsForAPipelineReceiver)
     ASSERT_TRUE(puller.attached());
     m_sender.sendMediaData(9, frameDuration, m_media);
     EXPECT_EQ(puller.receive(), expectedFrame(0, 9, frameDuration, m_media));
-    EXPECT_FALSE(m_log.contains("Nanomsg wakeup pipe activity")) << "the waiting send drained the wake-up byte";
+    EXPECT_FALSE(m_log.contains("Nanomsg wakeup pipe activity"))
+        << "the waiting send drained the wake-up byte";
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
 }
 
@@ -222,8 +231,9 @@ TEST_F(SenderStreamTest, DisableSendLogsOnlyChangesAndTheNextEnabledSendDrainsIt
     m_log.clear();
     m_sender.sendMediaData(3, frameDuration, m_media);
     EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL),
-              (std::vector<std::string>{"Payloader wrapped media data with 1920 byte into packet with 1940 byte",
-                                        m_waitingLine, "Nanomsg wakeup pipe activity", "Nanomsg watch FD activity"}));
+              (std::vector<std::string>{
+                  "Payloader wrapped media data with 1920 byte into packet with 1940 byte", m_waitingLine,
+                  "Nanomsg wakeup pipe activity", "Nanomsg watch FD activity"}));
     m_log.clear();
     m_sender.sendMediaData(4, frameDuration, m_media);
     EXPECT_FALSE(m_log.contains("Nanomsg wakeup pipe activity"));

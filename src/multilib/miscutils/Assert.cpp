@@ -5,11 +5,9 @@
 
 namespace miscUtils::detail {
 
-void assertionFailed(const char* expression, const char* function, const char* file,
-                     int line) noexcept
+void assertionFailed(const char* expression, const char* function, const char* file, int line) noexcept
 {
-    std::fprintf(stderr, "Assertion \"%s\" failed in %s (%s:%d)\n", expression, function, file,
-                 line);
+    std::fprintf(stderr, "Assertion \"%s\" failed in %s (%s:%d)\n", expression, function, file, line);
     std::fflush(stderr);
     std::abort();
 }

@@ -9,8 +9,14 @@ namespace {
 
 // strerror_r comes in two flavours depending on feature macros: the GNU one returns the text
 // (which may or may not live in the buffer), the XSI one fills the buffer and returns 0.
-[[maybe_unused]] const char* errorText(char* result, const char*) { return result; }
-[[maybe_unused]] const char* errorText(int result, const char* buffer) { return result == 0 ? buffer : nullptr; }
+[[maybe_unused]] const char* errorText(char* result, const char*)
+{
+    return result;
+}
+[[maybe_unused]] const char* errorText(int result, const char* buffer)
+{
+    return result == 0 ? buffer : nullptr;
+}
 
 } // namespace
 

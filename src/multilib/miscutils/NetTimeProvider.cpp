@@ -51,7 +51,10 @@ unsigned int boundPort(int socketFD)
 
 NetTimeProvider::NetTimeProvider() = default;
 
-NetTimeProvider::~NetTimeProvider() { stop(); }
+NetTimeProvider::~NetTimeProvider()
+{
+    stop();
+}
 
 bool NetTimeProvider::start(const std::string& ipAddress, unsigned int port)
 {
@@ -59,7 +62,8 @@ bool NetTimeProvider::start(const std::string& ipAddress, unsigned int port)
     stopServing();
     const std::string endpoint = detail::describeEndpoint(ipAddress, port);
     const std::optional<detail::SocketAddress> address = detail::resolveNumericAddress(ipAddress, port);
-    if (!address) {
+    if (!address)
+    {
         LOG4CPLUS_ERROR(logger, "Invalid network time provider address " << endpoint);
         return false;
     }
@@ -68,17 +72,22 @@ bool NetTimeProvider::start(const std::string& ipAddress, unsigned int port)
         closeDescriptor(m_wakeupFD);
     });
     m_socketFD = socket(address->family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_socketFD < 0) {
+    if (m_socketFD < 0)
+    {
         LOG4CPLUS_ERROR(logger, "Cannot create the network time provider socket: " << ErrnoText{errno});
         return false;
     }
-    if (bind(m_socketFD, reinterpret_cast<const sockaddr*>(&address->storage), address->length) < 0) {
-        LOG4CPLUS_ERROR(logger, "Cannot bind the network time provider to " << endpoint << ": " << ErrnoText{errno});
+    if (bind(m_socketFD, reinterpret_cast<const sockaddr*>(&address->storage), address->length) < 0)
+    {
+        LOG4CPLUS_ERROR(logger,
+                        "Cannot bind the network time provider to " << endpoint << ": " << ErrnoText{errno});
         return false;
     }
     m_wakeupFD = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_wakeupFD < 0) {
-        LOG4CPLUS_ERROR(logger, "Cannot create the wake-up event of the network time provider: " << ErrnoText{errno});
+    if (m_wakeupFD < 0)
+    {
+        LOG4CPLUS_ERROR(logger,
+                        "Cannot create the wake-up event of the network time provider: " << ErrnoText{errno});
         return false;
     }
     m_thread = std::thread([this] { serve(); });
@@ -100,15 +109,18 @@ void NetTimeProvider::stopServing()
     if (!m_thread.joinable())
         return;
     const std::uint64_t one = 1;
-    while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR) {
-    }
+    while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR)
+    {}
     m_thread.join();
     closeDescriptor(m_socketFD);
     closeDescriptor(m_wakeupFD);
     m_port = 0;
 }
 
-unsigned int NetTimeProvider::getPort() const { return m_port.load(); }
+unsigned int NetTimeProvider::getPort() const
+{
+    return m_port.load();
+}
 
 TimeValue NetTimeProvider::getTime() const
 {
@@ -137,11 +149,13 @@ void NetTimeProvider::setRate(double rate)
 void NetTimeProvider::serve()
 {
     std::array<pollfd, 2> fds{pollfd{m_wakeupFD, POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
-    for (;;) {
+    for (;;)
+    {
         const int ready = poll(fds.data(), fds.size(), -1);
         if (ready < 0 && errno == EINTR)
             continue;
-        if (ready < 0) {
+        if (ready < 0)
+        {
             LOG4CPLUS_ERROR(logger, "Network time provider cannot wait for requests: " << ErrnoText{errno});
             return;
         }
@@ -156,15 +170,18 @@ void NetTimeProvider::serve()
 /// byte for byte, then the served time. Shorter datagrams are dropped.
 void NetTimeProvider::answerRequests()
 {
-    for (int count = 0; count < RequestsPerWakeup; ++count) {
+    for (int count = 0; count < RequestsPerWakeup; ++count)
+    {
         std::array<unsigned char, detail::NetTimePacketSize> packet{};
         sockaddr_storage client{};
         socklen_t clientLength = sizeof(client);
         const ssize_t received = recvfrom(m_socketFD, packet.data(), packet.size(), MSG_DONTWAIT,
                                           reinterpret_cast<sockaddr*>(&client), &clientLength);
-        if (received < 0) {
+        if (received < 0)
+        {
             if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                LOG4CPLUS_ERROR(logger, "Network time provider cannot receive a request: " << ErrnoText{errno});
+                LOG4CPLUS_ERROR(logger,
+                                "Network time provider cannot receive a request: " << ErrnoText{errno});
             return;
         }
         if (static_cast<std::size_t>(received) < packet.size())

@@ -48,12 +48,12 @@ private:
     void serve();
     void answerRequests();
 
-    mutable std::mutex m_timeMutex;   // guards the three members of the served time
+    mutable std::mutex m_timeMutex; // guards the three members of the served time
     std::int64_t m_offset = 0;
     double m_rate = 1.0;
     TimeValue m_rateChangeTime = 0;
 
-    std::mutex m_controlMutex;   // serialises start and stop
+    std::mutex m_controlMutex; // serialises start and stop
     int m_socketFD = -1;
     int m_wakeupFD = -1;
     std::atomic<unsigned int> m_port{0};

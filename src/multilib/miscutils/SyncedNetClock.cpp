@@ -89,8 +89,8 @@ std::int64_t offsetDifference(std::int64_t a, std::int64_t b)
 /// One exchange: where the server's clock stood against ours.
 struct Sample
 {
-    TimeValue localTime;   // midpoint of request and reply on the local clock
-    std::int64_t offset;   // server time minus localTime, true within +-roundTrip / 2
+    TimeValue localTime; // midpoint of request and reply on the local clock
+    std::int64_t offset; // server time minus localTime, true within +-roundTrip / 2
     TimeValue roundTrip;
 };
 
@@ -129,18 +129,26 @@ struct Estimate
 class ClockFilter
 {
 public:
-    enum class Result { Accepted, Rejected, NewTimeBase };
+    enum class Result
+    {
+        Accepted,
+        Rejected,
+        NewTimeBase
+    };
 
     Result add(const Sample& sample)
     {
-        if (!m_started) {
+        if (!m_started)
+        {
             restart(sample);
             return Result::NewTimeBase;
         }
         const Prediction prediction = predict(sample.localTime);
         const double innovation = relativeOffset(sample) - prediction.offset;
-        const double bound = OutlierSigmas * std::sqrt(prediction.variance + sampleVariance(sample)) + OutlierMargin;
-        if (std::abs(innovation) <= bound) {
+        const double bound =
+            OutlierSigmas * std::sqrt(prediction.variance + sampleVariance(sample)) + OutlierMargin;
+        if (std::abs(innovation) <= bound)
+        {
             m_outliers.clear();
             update(sample, prediction);
             return Result::Accepted;
@@ -162,10 +170,7 @@ public:
     void forgetAgreement() { m_agreeingSamples = 0; }
     int agreeingSamples() const { return m_agreeingSamples; }
 
-    Estimate estimate() const
-    {
-        return {m_offsetTime, m_referenceOffset + std::llround(m_offset), m_rate};
-    }
+    Estimate estimate() const { return {m_offsetTime, m_referenceOffset + std::llround(m_offset), m_rate}; }
 
 private:
     struct Prediction
@@ -223,7 +228,8 @@ private:
             return;
         // Weighted least squares of offset over local time; fast exchanges weigh most.
         double weightSum = 0.0, timeMean = 0.0, offsetMean = 0.0;
-        for (const Sample& sample : m_history) {
+        for (const Sample& sample : m_history)
+        {
             const double weight = 1.0 / sampleVariance(sample);
             weightSum += weight;
             timeMean += weight * static_cast<double>(signedDifference(sample.localTime, m_referenceTime));
@@ -232,21 +238,24 @@ private:
         timeMean /= weightSum;
         offsetMean /= weightSum;
         double timeSpread = 0.0, covariance = 0.0;
-        for (const Sample& sample : m_history) {
+        for (const Sample& sample : m_history)
+        {
             const double weight = 1.0 / sampleVariance(sample);
-            const double time = static_cast<double>(signedDifference(sample.localTime, m_referenceTime)) - timeMean;
+            const double time =
+                static_cast<double>(signedDifference(sample.localTime, m_referenceTime)) - timeMean;
             timeSpread += weight * time * time;
             covariance += weight * time * (relativeOffset(sample) - offsetMean);
         }
         const double target = std::clamp(covariance / timeSpread, -MaxRate, MaxRate);
         m_rate += std::clamp(target - m_rate, -MaxRateStep, MaxRateStep);
-        m_rateUncertainty = std::max({std::sqrt(1.0 / timeSpread), std::abs(target - m_rate), LeastRateUncertainty});
+        m_rateUncertainty =
+            std::max({std::sqrt(1.0 / timeSpread), std::abs(target - m_rate), LeastRateUncertainty});
     }
 
     bool m_started = false;
     std::int64_t m_referenceOffset = 0;
     TimeValue m_referenceTime = 0;
-    double m_offset = 0.0;   // relative to m_referenceOffset, at m_offsetTime
+    double m_offset = 0.0; // relative to m_referenceOffset, at m_offsetTime
     double m_offsetVariance = 0.0;
     TimeValue m_offsetTime = 0;
     double m_rate = 0.0;
@@ -266,9 +275,11 @@ class SyncedNetClock::Mapping
 public:
     TimeValue read() const
     {
-        for (;;) {
+        for (;;)
+        {
             const std::uint64_t sequence = m_sequence.load(std::memory_order_acquire);
-            if (sequence % 2 != 0) {
+            if (sequence % 2 != 0)
+            {
                 std::this_thread::yield();
                 continue;
             }
@@ -296,10 +307,14 @@ public:
         const std::int64_t correction = signedDifference(target, current);
         Segment next{start, current, estimate.rate, 0.0, 0};
         const auto correctionSize = static_cast<TimeValue>(std::abs(correction));
-        if (newTimeBase && correctionSize > StepThreshold) {
+        if (newTimeBase && correctionSize > StepThreshold)
+        {
             next.startServer = target;
-        } else if (correction != 0) {
-            next.slewDuration = std::max(SlewTime, static_cast<TimeValue>(static_cast<double>(correctionSize) / MaxSlew));
+        }
+        else if (correction != 0)
+        {
+            next.slewDuration =
+                std::max(SlewTime, static_cast<TimeValue>(static_cast<double>(correctionSize) / MaxSlew));
             next.slew = static_cast<double>(correction) / static_cast<double>(next.slewDuration);
         }
         // Release stores: a reader that sees one new field also sees the odd sequence number.
@@ -317,14 +332,15 @@ private:
     {
         TimeValue startLocal;
         TimeValue startServer;
-        double rate;            // server's rate minus one
-        double slew;            // added to the rate during the first slewDuration
+        double rate; // server's rate minus one
+        double slew; // added to the rate during the first slewDuration
         TimeValue slewDuration;
 
         TimeValue at(TimeValue local) const
         {
             const std::int64_t elapsed = std::max<std::int64_t>(signedDifference(local, startLocal), 0);
-            const double slewed = static_cast<double>(std::min<TimeValue>(static_cast<TimeValue>(elapsed), slewDuration));
+            const double slewed =
+                static_cast<double>(std::min<TimeValue>(static_cast<TimeValue>(elapsed), slewDuration));
             const double adjustment = rate * static_cast<double>(elapsed) + slew * slewed;
             return startServer + static_cast<TimeValue>(elapsed + std::llround(adjustment));
         }
@@ -344,7 +360,7 @@ private:
     std::atomic<double> m_rate{0.0};
     std::atomic<double> m_slew{0.0};
     std::atomic<TimeValue> m_slewDuration{0};
-    Segment m_written{0, 0, 0.0, 0.0, 0};   // the writer's copy of the published segment
+    Segment m_written{0, 0, 0.0, 0.0, 0}; // the writer's copy of the published segment
 };
 
 /// One started synchronisation: the UDP socket connected to the server, the wake-up event that
@@ -360,8 +376,7 @@ public:
           m_maxRoundTrip(maxRoundTripNs),
           m_replyWait(std::min<TimeValue>(maxRoundTripNs, LongestReplyWait)),
           m_onStateChange(std::move(onStateChange))
-    {
-    }
+    {}
 
     ~Session()
     {
@@ -378,25 +393,34 @@ public:
     bool open(const detail::SocketAddress& server)
     {
         m_socketFD = socket(server.family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (m_socketFD < 0) {
-            LOG4CPLUS_ERROR(logger, "Cannot create a socket for network time synchronization: " << ErrnoText{errno});
+        if (m_socketFD < 0)
+        {
+            LOG4CPLUS_ERROR(logger,
+                            "Cannot create a socket for network time synchronization: " << ErrnoText{errno});
             return false;
         }
         // Connected, so that only the server's datagrams arrive and a closed port reports
         // ECONNREFUSED instead of leaving requests unanswered.
-        if (connect(m_socketFD, reinterpret_cast<const sockaddr*>(&server.storage), server.length) < 0) {
-            LOG4CPLUS_ERROR(logger, "Cannot connect to network time server " << m_serverName << ": " << ErrnoText{errno});
+        if (connect(m_socketFD, reinterpret_cast<const sockaddr*>(&server.storage), server.length) < 0)
+        {
+            LOG4CPLUS_ERROR(logger, "Cannot connect to network time server " << m_serverName << ": "
+                                                                             << ErrnoText{errno});
             return false;
         }
         m_wakeupFD = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (m_wakeupFD < 0) {
-            LOG4CPLUS_ERROR(logger, "Cannot create the wake-up event of network time synchronization: " << ErrnoText{errno});
+        if (m_wakeupFD < 0)
+        {
+            LOG4CPLUS_ERROR(logger, "Cannot create the wake-up event of network time synchronization: "
+                                        << ErrnoText{errno});
             return false;
         }
         return true;
     }
 
-    void start() { m_thread = std::thread([this] { run(); }); }
+    void start()
+    {
+        m_thread = std::thread([this] { run(); });
+    }
 
     void stop()
     {
@@ -404,18 +428,24 @@ public:
             return;
         MISCUTILS_ASSERT(std::this_thread::get_id() != m_thread.get_id());
         const std::uint64_t one = 1;
-        while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR) {
-        }
+        while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR)
+        {}
         m_thread.join();
     }
 
 private:
-    enum class Wait { Readable, TimedOut, Stopped };
+    enum class Wait
+    {
+        Readable,
+        TimedOut,
+        Stopped
+    };
 
     void run()
     {
         TimeValue nextBurst = getMonotonicSysclockTime();
-        for (;;) {
+        for (;;)
+        {
             if (waitUntil(nextBurst, false) == Wait::Stopped)
                 return;
             const TimeValue burstStart = getMonotonicSysclockTime();
@@ -436,7 +466,8 @@ private:
     {
         discardPendingDatagrams();
         std::vector<TimeValue> pending;
-        for (std::size_t exchange = 0; exchange < BurstLength; ++exchange) {
+        for (std::size_t exchange = 0; exchange < BurstLength; ++exchange)
+        {
             const TimeValue request = getMonotonicSysclockTime();
             if (!sendRequest(request))
                 return true;
@@ -457,13 +488,18 @@ private:
         std::array<unsigned char, detail::NetTimePacketSize> packet{};
         detail::writeBigEndian64(packet.data(), request);
         detail::writeBigEndian64(packet.data() + 8, detail::NetTimeRequestMarker);
-        if (send(m_socketFD, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size())) {
+        if (send(m_socketFD, packet.data(), packet.size(), MSG_NOSIGNAL) ==
+            static_cast<ssize_t>(packet.size()))
+        {
             m_sendFailing = false;
             return true;
         }
-        if (errno == ECONNREFUSED) {
+        if (errno == ECONNREFUSED)
+        {
             LOG4CPLUS_TRACE(logger, "Network time server " << m_serverName << " refused a request");
-        } else if (!m_sendFailing) {
+        }
+        else if (!m_sendFailing)
+        {
             LOG4CPLUS_ERROR(logger, "Cannot send a request to network time server " << m_serverName << ": "
                                                                                     << ErrnoText{errno});
             m_sendFailing = true;
@@ -477,21 +513,24 @@ private:
     bool receiveReplies(std::vector<TimeValue>& pending, TimeValue request, std::optional<Sample>& best,
                         bool& answered)
     {
-        for (;;) {
+        for (;;)
+        {
             std::array<unsigned char, 2 * detail::NetTimePacketSize> reply{};
             const ssize_t received = recv(m_socketFD, reply.data(), reply.size(), MSG_DONTWAIT);
             const TimeValue replyTime = getMonotonicSysclockTime();
-            if (received < 0) {
+            if (received < 0)
+            {
                 if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
                     return true;
                 if (errno == ECONNREFUSED)
                     LOG4CPLUS_TRACE(logger, "Network time server " << m_serverName << " refused a request");
                 else
                     LOG4CPLUS_ERROR(logger, "Cannot receive from network time server " << m_serverName << ": "
-                                                                                     << ErrnoText{errno});
+                                                                                       << ErrnoText{errno});
                 return false;
             }
-            if (static_cast<std::size_t>(received) != detail::NetTimePacketSize) {
+            if (static_cast<std::size_t>(received) != detail::NetTimePacketSize)
+            {
                 LOG4CPLUS_TRACE(logger, "Ignoring a network time reply of " << received << " bytes");
                 continue;
             }
@@ -499,7 +538,8 @@ private:
             const TimeValue serverTime = detail::readBigEndian64(reply.data() + 8);
             const auto match = std::find(pending.begin(), pending.end(), echoed);
             // All-ones is our own request sent back unanswered.
-            if (match == pending.end() || serverTime == detail::NetTimeRequestMarker) {
+            if (match == pending.end() || serverTime == detail::NetTimeRequestMarker)
+            {
                 LOG4CPLUS_TRACE(logger, "Ignoring a network time reply that answers no pending request");
                 continue;
             }
@@ -533,10 +573,12 @@ private:
         m_lastValidSampleTime = sample.localTime;
         const bool newTimeBase = result == ClockFilter::Result::NewTimeBase;
         if (newTimeBase && m_hadTimeBase)
-            LOG4CPLUS_DEBUG(logger, "Network time server " << m_serverName << " changed its time base; following it");
+            LOG4CPLUS_DEBUG(logger,
+                            "Network time server " << m_serverName << " changed its time base; following it");
         m_hadTimeBase = true;
         m_clock.m_mapping->follow(m_filter.estimate(), newTimeBase);
-        if (!m_clock.m_synchronized.load() && m_filter.agreeingSamples() >= AgreeingSamplesNeeded) {
+        if (!m_clock.m_synchronized.load() && m_filter.agreeingSamples() >= AgreeingSamplesNeeded)
+        {
             LOG4CPLUS_DEBUG(logger, "Synchronized with network time server " << m_serverName);
             setSynchronized(true);
         }
@@ -544,10 +586,12 @@ private:
 
     void checkForLoss(TimeValue now)
     {
-        if (!m_clock.m_synchronized.load() || signedDifference(now, m_lastValidSampleTime) < static_cast<std::int64_t>(LossTimeoutNs))
+        if (!m_clock.m_synchronized.load() ||
+            signedDifference(now, m_lastValidSampleTime) < static_cast<std::int64_t>(LossTimeoutNs))
             return;
         LOG4CPLUS_DEBUG(logger, "Lost synchronization with network time server "
-                                    << m_serverName << ": no valid reply for " << SyncedNetClock::LossTimeout.count() << " ms");
+                                    << m_serverName << ": no valid reply for "
+                                    << SyncedNetClock::LossTimeout.count() << " ms");
         m_filter.forgetAgreement();
         setSynchronized(false);
     }
@@ -563,7 +607,8 @@ private:
     Wait waitUntil(TimeValue deadline, bool socket)
     {
         std::array<pollfd, 2> fds{pollfd{m_wakeupFD, POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
-        for (;;) {
+        for (;;)
+        {
             const std::int64_t remaining = signedDifference(deadline, getMonotonicSysclockTime());
             if (remaining <= 0)
                 return Wait::TimedOut;
@@ -572,7 +617,8 @@ private:
             const int ready = ppoll(fds.data(), socket ? 2 : 1, &timeout, nullptr);
             if (ready < 0 && errno == EINTR)
                 continue;
-            if (ready < 0) {
+            if (ready < 0)
+            {
                 LOG4CPLUS_ERROR(logger, "Cannot wait for network time replies: " << ErrnoText{errno});
                 return Wait::Stopped;
             }
@@ -598,23 +644,30 @@ private:
     bool m_sendFailing = false;
 };
 
-SyncedNetClock::SyncedNetClock() : m_mapping(std::make_unique<Mapping>()) {}
+SyncedNetClock::SyncedNetClock() : m_mapping(std::make_unique<Mapping>())
+{}
 
-SyncedNetClock::~SyncedNetClock() { stopSynchronization(); }
+SyncedNetClock::~SyncedNetClock()
+{
+    stopSynchronization();
+}
 
-void SyncedNetClock::startSynchronization(std::string ipAddress, unsigned int port, unsigned int pollIntervalMs,
-                                          unsigned long long maxRoundTripNs, std::function<void()> onStateChange)
+void SyncedNetClock::startSynchronization(std::string ipAddress, unsigned int port,
+                                          unsigned int pollIntervalMs, unsigned long long maxRoundTripNs,
+                                          std::function<void()> onStateChange)
 {
     std::lock_guard lock(m_controlMutex);
     m_session.reset();
     m_synchronized.store(false);
     const std::string serverName = detail::describeEndpoint(ipAddress, port);
     const std::optional<detail::SocketAddress> server = detail::resolveNumericAddress(ipAddress, port);
-    if (!server) {
+    if (!server)
+    {
         LOG4CPLUS_ERROR(logger, "Invalid network time server address " << serverName);
         return;
     }
-    auto session = std::make_unique<Session>(*this, serverName, pollIntervalMs, maxRoundTripNs, std::move(onStateChange));
+    auto session = std::make_unique<Session>(*this, serverName, pollIntervalMs, maxRoundTripNs,
+                                             std::move(onStateChange));
     if (!session->open(*server))
         return;
     session->start();
@@ -628,8 +681,14 @@ void SyncedNetClock::stopSynchronization()
     m_synchronized.store(false);
 }
 
-bool SyncedNetClock::isSynchronized() const { return m_synchronized.load(); }
+bool SyncedNetClock::isSynchronized() const
+{
+    return m_synchronized.load();
+}
 
-TimeValue SyncedNetClock::getSynchronizedTime() const { return m_mapping->read(); }
+TimeValue SyncedNetClock::getSynchronizedTime() const
+{
+    return m_mapping->read();
+}
 
 } // namespace miscUtils

@@ -57,9 +57,9 @@ const char* toString(TimeSyncProtocol protocol)
 {
     switch (protocol)
     {
-        case TimeSyncProtocol::GstNetClock: return "gstnetclock";
-        case TimeSyncProtocol::MonotonicSystemClock: return "sysclock";
-        default: return "unknown";
+    case TimeSyncProtocol::GstNetClock: return "gstnetclock";
+    case TimeSyncProtocol::MonotonicSystemClock: return "sysclock";
+    default: return "unknown";
     }
 }
 
@@ -67,9 +67,9 @@ const char* toString(NanomsgProtocol protocol)
 {
     switch (protocol)
     {
-        case NanomsgProtocol::Pipeline: return "pipeline";
-        case NanomsgProtocol::PubSub: return "pubsub";
-        default: return "unknown";
+    case NanomsgProtocol::Pipeline: return "pipeline";
+    case NanomsgProtocol::PubSub: return "pubsub";
+    default: return "unknown";
     }
 }
 

@@ -44,12 +44,12 @@ VRX_EXPORT NanomsgProtocol toNanomsgProtocol(const std::string& text);
 /// The greeting a sender gives every receiver on the sidechannel.
 struct InitialInfo
 {
-    std::uint16_t version = 0;       ///< protocol version; senders fill in 1
-    std::string timeSyncIPAddress;   ///< time server address, may be empty
-    std::uint16_t timeSyncPort = 0;  ///< 0: no time synchronisation
+    std::uint16_t version = 0;      ///< protocol version; senders fill in 1
+    std::string timeSyncIPAddress;  ///< time server address, may be empty
+    std::uint16_t timeSyncPort = 0; ///< 0: no time synchronisation
     TimeSyncProtocol timeSyncProtocol = TimeSyncProtocol::Unknown;
     NanomsgProtocol nanomsgProtocol = NanomsgProtocol::Unknown;
-    std::string nanomsgUri;          ///< "ipc://" address of the main channel
+    std::string nanomsgUri; ///< "ipc://" address of the main channel
 
     bool operator==(const InitialInfo&) const = default;
 };

@@ -33,10 +33,10 @@ std::string toString(PacketType packetType)
 {
     switch (packetType)
     {
-        case PacketType::Unknown: return "unknown";
-        case PacketType::SequenceInfo: return "sequenceInfo";
-        case PacketType::Frame: return "frame";
-        case PacketType::Count: MISCUTILS_ASSERT(false);
+    case PacketType::Unknown: return "unknown";
+    case PacketType::SequenceInfo: return "sequenceInfo";
+    case PacketType::Frame: return "frame";
+    case PacketType::Count: MISCUTILS_ASSERT(false);
     }
     return "<dummy>";
 }
@@ -58,9 +58,9 @@ PacketType parsePacketType(const ByteSpan& packetData)
     MISCUTILS_ASSERT(packetData.size() >= 1);
     switch (packetData[0])
     {
-        case static_cast<unsigned char>(PacketType::SequenceInfo): return PacketType::SequenceInfo;
-        case static_cast<unsigned char>(PacketType::Frame): return PacketType::Frame;
-        default: return PacketType::Unknown;
+    case static_cast<unsigned char>(PacketType::SequenceInfo): return PacketType::SequenceInfo;
+    case static_cast<unsigned char>(PacketType::Frame): return PacketType::Frame;
+    default: return PacketType::Unknown;
     }
 }
 
@@ -80,7 +80,8 @@ void produceSequenceInfoPacket(Buffer& packet, unsigned int fourcc, const ByteSp
 
 // --- Payloader -------------------------------------------------------------------------------
 
-Payloader::Payloader(unsigned int fourcc) : m_fourcc(fourcc) {}
+Payloader::Payloader(unsigned int fourcc) : m_fourcc(fourcc)
+{}
 
 Payloader::~Payloader() = default;
 
@@ -92,13 +93,11 @@ std::size_t Payloader::getSizeForWrappedFrame(const ByteSpan& mediaData) const
 void Payloader::wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteSpan& mediaData)
 {
     MISCUTILS_ASSERT((packetOffset + mediaData.size()) <= packet.size());
-    std::copy(mediaData.begin(), mediaData.end(),
-              packet.begin() + static_cast<std::ptrdiff_t>(packetOffset));
+    std::copy(mediaData.begin(), mediaData.end(), packet.begin() + static_cast<std::ptrdiff_t>(packetOffset));
 }
 
-void Payloader::produceFramePacket(Buffer& packet, unsigned short sequenceNr,
-                                   unsigned long long timestamp, unsigned long long duration,
-                                   const ByteSpan& mediaData)
+void Payloader::produceFramePacket(Buffer& packet, unsigned short sequenceNr, unsigned long long timestamp,
+                                   unsigned long long duration, const ByteSpan& mediaData)
 {
     appendPacketHeader(packet, PacketType::Frame, sequenceNr);
     detail::appendLittleEndian(packet, static_cast<std::uint64_t>(timestamp));
@@ -109,7 +108,8 @@ void Payloader::produceFramePacket(Buffer& packet, unsigned short sequenceNr,
 
 // --- Depayloader -----------------------------------------------------------------------------
 
-Depayloader::Depayloader(unsigned int fourcc) : m_fourcc(fourcc) {}
+Depayloader::Depayloader(unsigned int fourcc) : m_fourcc(fourcc)
+{}
 
 Depayloader::~Depayloader() = default;
 
@@ -118,13 +118,15 @@ Buffer Depayloader::unwrapFrame(const ByteSpan& mediaData)
     return Buffer(mediaData.begin(), mediaData.end());
 }
 
-void Depayloader::reset() {}
+void Depayloader::reset()
+{}
 
 // --- PCM -------------------------------------------------------------------------------------
 
 const unsigned int PcmFourcc = 0x414D4350;
 
-PcmPayloader::PcmPayloader() : Payloader(PcmFourcc) {}
+PcmPayloader::PcmPayloader() : Payloader(PcmFourcc)
+{}
 
 PcmPayloader::~PcmPayloader() = default;
 
@@ -137,7 +139,8 @@ void PcmPayloader::setNewFormat(unsigned int sampleRate, unsigned int numChannel
     m_codecHeader.push_back(static_cast<unsigned char>(format));
 }
 
-PcmDepayloader::PcmDepayloader() : Depayloader(PcmFourcc) {}
+PcmDepayloader::PcmDepayloader() : Depayloader(PcmFourcc)
+{}
 
 PcmDepayloader::~PcmDepayloader() = default;
 
@@ -160,7 +163,10 @@ bool PcmDepayloader::processCodecHeader(const ByteSpan& codecHeader)
 
 // --- DepayloaderList -------------------------------------------------------------------------
 
-DepayloaderList::DepayloaderList() { reset(); }
+DepayloaderList::DepayloaderList()
+{
+    reset();
+}
 
 void DepayloaderList::addDepayloader(Depayloader& depayloader)
 {
@@ -177,16 +183,13 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumePacket(const ByteS
 
     switch (m_currentPacketType)
     {
-        case PacketType::SequenceInfo: return consumeSequenceInfoPacket(packetData);
-        case PacketType::Frame: return consumeFramePacket(packetData);
-        default:
-            m_currentPacketType = PacketType::Unknown;
-            return ConsumePacketRetcode::Ok;
+    case PacketType::SequenceInfo: return consumeSequenceInfoPacket(packetData);
+    case PacketType::Frame: return consumeFramePacket(packetData);
+    default: m_currentPacketType = PacketType::Unknown; return ConsumePacketRetcode::Ok;
     }
 }
 
-DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeSequenceInfoPacket(
-    const ByteSpan& packetData)
+DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeSequenceInfoPacket(const ByteSpan& packetData)
 {
     if (packetData.size() < sequenceInfoHeaderSize)
     {
@@ -218,8 +221,7 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeSequenceInfoPacket
     return ConsumePacketRetcode::Ok;
 }
 
-DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeFramePacket(
-    const ByteSpan& packetData)
+DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeFramePacket(const ByteSpan& packetData)
 {
     if (m_currentDepayloader == nullptr)
         return ConsumePacketRetcode::NoDepayloaderSelected;
@@ -278,12 +280,10 @@ const char* toString(DepayloaderList::ConsumePacketRetcode retcode)
 {
     switch (retcode)
     {
-        case DepayloaderList::ConsumePacketRetcode::Ok: return "ok";
-        case DepayloaderList::ConsumePacketRetcode::Error: return "error";
-        case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
-            return "no matching depayloader";
-        case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
-            return "no depayloader selected";
+    case DepayloaderList::ConsumePacketRetcode::Ok: return "ok";
+    case DepayloaderList::ConsumePacketRetcode::Error: return "error";
+    case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader: return "no matching depayloader";
+    case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected: return "no depayloader selected";
     }
     return "unknown";
 }

@@ -35,8 +35,7 @@ VRX_EXPORT PacketType parsePacketType(const ByteSpan& packetData);
 VRX_EXPORT std::uint16_t parsePacketSequenceNr(const ByteSpan& packetData);
 
 /// Overwrites `packet` with a SequenceInfo packet, reusing its capacity.
-VRX_EXPORT void produceSequenceInfoPacket(Buffer& packet, unsigned int fourcc,
-                                          const ByteSpan& codecHeader,
+VRX_EXPORT void produceSequenceInfoPacket(Buffer& packet, unsigned int fourcc, const ByteSpan& codecHeader,
                                           unsigned short sequenceNr);
 
 /// Sender-side payload format: wraps media frames into Frame packets and supplies the codec
@@ -62,9 +61,8 @@ public:
 
     /// Overwrites `packet` with a Frame packet, reusing its capacity so that a steady stream
     /// of frames allocates nothing once the buffer has grown to the largest frame.
-    void produceFramePacket(Buffer& packet, unsigned short sequenceNr,
-                            unsigned long long timestamp, unsigned long long duration,
-                            const ByteSpan& mediaData);
+    void produceFramePacket(Buffer& packet, unsigned short sequenceNr, unsigned long long timestamp,
+                            unsigned long long duration, const ByteSpan& mediaData);
 
 private:
     const unsigned int m_fourcc;
@@ -112,8 +110,7 @@ public:
 
     /// Replaces the codec header; receivers see it with the next sequence the sender starts.
     /// A channel count above 255 is truncated to its low 8 bits.
-    void setNewFormat(unsigned int sampleRate, unsigned int numChannels,
-                      audioUtils::PcmFormat format);
+    void setNewFormat(unsigned int sampleRate, unsigned int numChannels, audioUtils::PcmFormat format);
 };
 
 class VRX_EXPORT PcmDepayloader : public Depayloader

@@ -49,9 +49,13 @@ socklen_t setAbstractAddress(sockaddr_un& socketAddress, const std::string& addr
 
 } // namespace
 
-Sender::Sender() : m_listenerPollFDs(std::make_unique<std::vector<pollfd>>()) {}
+Sender::Sender() : m_listenerPollFDs(std::make_unique<std::vector<pollfd>>())
+{}
 
-Sender::~Sender() { shutdownSender(); }
+Sender::~Sender()
+{
+    shutdownSender();
+}
 
 bool Sender::initializeSender(std::string socketAddress, std::string alternativeSocketAddress,
                               std::string timeSyncIPAddress, unsigned int timeSyncPort,
@@ -75,7 +79,8 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     if (pipe2(m_listenerWakeupPipe.data(), O_CLOEXEC) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not create VRX sender thread look wakeup pipe: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger,
+                        "Could not create VRX sender thread look wakeup pipe: " << detail::ErrnoText{error});
         return false;
     }
     if (pipe2(m_nanomsgWakeupPipe.data(), O_CLOEXEC) < 0)
@@ -175,7 +180,8 @@ void Sender::shutdownSender()
 
     if (!m_nanomsgUri.empty())
     {
-        LOG4CPLUS_DEBUG(logger, "Deleting nanomsg IPC socket file \"" << m_nanomsgIpcFilePath << "\" if it exists");
+        LOG4CPLUS_DEBUG(logger,
+                        "Deleting nanomsg IPC socket file \"" << m_nanomsgIpcFilePath << "\" if it exists");
         unlink(m_nanomsgIpcFilePath.c_str());
     }
     if (!m_tempDirectory.empty())
@@ -235,7 +241,8 @@ bool Sender::setupListener()
         if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0)
         {
             const int alternativeError = errno;
-            LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << detail::ErrnoText{alternativeError});
+            LOG4CPLUS_DEBUG(logger,
+                            "Could not bind listener socket: " << detail::ErrnoText{alternativeError});
             return false;
         }
     }
@@ -243,8 +250,8 @@ bool Sender::setupListener()
     if (listen(m_listenerSocketFD, listenBacklog) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not set socket to listen for incoming connections: "
-                                    << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(
+            logger, "Could not set socket to listen for incoming connections: " << detail::ErrnoText{error});
         return false;
     }
 
@@ -310,11 +317,13 @@ void Sender::listenerThreadLoop()
                 std::lock_guard lock(m_mutex);
                 pollFDs.push_back({clientFD, POLLIN, 0});
                 LOG4CPLUS_DEBUG(logger, "Sending InitialInfo packet with " << m_initialInfoPacket.size()
-                                            << " bytes to connection with FD " << clientFD);
+                                                                           << " bytes to connection with FD "
+                                                                           << clientFD);
                 sendDataOverClientConnection(clientFD, m_initialInfoPacket);
                 if (!m_sequenceInfoPacket.empty())
                 {
-                    LOG4CPLUS_DEBUG(logger, "Sending SequenceInfo packet with " << m_sequenceInfoPacket.size()
+                    LOG4CPLUS_DEBUG(logger, "Sending SequenceInfo packet with "
+                                                << m_sequenceInfoPacket.size()
                                                 << " bytes to connection with FD " << clientFD);
                     sendDataOverClientConnection(clientFD, m_sequenceInfoPacket);
                 }
@@ -347,7 +356,8 @@ void Sender::listenerThreadLoop()
                 close(clientFD);
                 pollFDs.erase(pollFDs.begin() + static_cast<std::ptrdiff_t>(index));
                 LOG4CPLUS_DEBUG(logger, "Client connection with FD " << clientFD << " got closed; "
-                                            << clientConnectionCount() << " connection(s) remain");
+                                                                     << clientConnectionCount()
+                                                                     << " connection(s) remain");
                 continue;
             }
             if (received < 0)
@@ -383,10 +393,12 @@ void Sender::shutdownListener()
 
 void Sender::sendDataOverClientConnection(int fd, const ByteSpan& data)
 {
-    LOG4CPLUS_TRACE(logger, "Sending message with " << data.size() << " bytes over client connection with FD " << fd);
+    LOG4CPLUS_TRACE(logger,
+                    "Sending message with " << data.size() << " bytes over client connection with FD " << fd);
 
     // Never wait for a slow receiver: the caller holds m_mutex.
-    const SidechannelMessageSize messageSize = produceSidechannelMessageSize(static_cast<std::uint32_t>(data.size()));
+    const SidechannelMessageSize messageSize =
+        produceSidechannelMessageSize(static_cast<std::uint32_t>(data.size()));
     if (send(fd, messageSize.data(), messageSize.size(), MSG_DONTWAIT) < 0)
     {
         const int error = errno;
@@ -414,7 +426,8 @@ void Sender::sendDataOverAllClientConnections(const ByteSpan& data)
 bool Sender::setupNanomsgMainChannel()
 {
     MISCUTILS_ASSERT(m_nanomsgMainFD < 0);
-    MISCUTILS_ASSERT(m_nanomsgProtocol == NanomsgProtocol::Pipeline || m_nanomsgProtocol == NanomsgProtocol::PubSub);
+    MISCUTILS_ASSERT(m_nanomsgProtocol == NanomsgProtocol::Pipeline ||
+                     m_nanomsgProtocol == NanomsgProtocol::PubSub);
     const bool pipeline = m_nanomsgProtocol == NanomsgProtocol::Pipeline;
     auto guard = miscUtils::makeScopeGuard([this] { shutdownNanomsgMainChannel(); });
 
@@ -422,7 +435,8 @@ bool Sender::setupNanomsgMainChannel()
     // instead of failing; such a path is refused here as a failed attach.
     if (m_nanomsgIpcFilePath.size() >= sizeof(sockaddr_un::sun_path))
     {
-        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << detail::ErrnoText{ENAMETOOLONG});
+        LOG4CPLUS_ERROR(logger,
+                        "Could not connect the nanomsg SP socket: " << detail::ErrnoText{ENAMETOOLONG});
         return false;
     }
 
@@ -436,7 +450,7 @@ bool Sender::setupNanomsgMainChannel()
 
     // Pipeline receivers bind the address themselves; subscribers connect to ours.
     m_nanomsgEndpointID = pipeline ? nn_connect(m_nanomsgMainFD, m_nanomsgUri.c_str())
-                                                : nn_bind(m_nanomsgMainFD, m_nanomsgUri.c_str());
+                                   : nn_bind(m_nanomsgMainFD, m_nanomsgUri.c_str());
     if (m_nanomsgEndpointID < 0)
     {
         const int error = errno;
@@ -529,8 +543,8 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         if (read(pollFDs[0].fd, drain, sizeof(drain)) < 0)
         {
             const int error = errno;
-            LOG4CPLUS_ERROR(logger, "Error while receiving wakeup call over control pipe: "
-                                        << detail::ErrnoText{error});
+            LOG4CPLUS_ERROR(
+                logger, "Error while receiving wakeup call over control pipe: " << detail::ErrnoText{error});
             return;
         }
     }
@@ -615,7 +629,8 @@ void Sender::startNewSequence()
     sendDataOverNanomsg(sequenceInfoPacket);
 }
 
-void Sender::sendMediaData(miscUtils::TimeValue timestamp, miscUtils::TimeValue duration, const ByteSpan& mediaData)
+void Sender::sendMediaData(miscUtils::TimeValue timestamp, miscUtils::TimeValue duration,
+                           const ByteSpan& mediaData)
 {
     {
         std::lock_guard lock(m_mutex);
@@ -626,8 +641,9 @@ void Sender::sendMediaData(miscUtils::TimeValue timestamp, miscUtils::TimeValue 
         }
         MISCUTILS_ASSERT(m_payloader != nullptr);
         m_payloader->produceFramePacket(m_framePacket, m_sequenceNr, timestamp, duration, mediaData);
-        LOG4CPLUS_TRACE(logger, "Payloader wrapped media data with " << mediaData.size()
-                                    << " byte into packet with " << m_framePacket.size() << " byte");
+        LOG4CPLUS_TRACE(logger, "Payloader wrapped media data with "
+                                    << mediaData.size() << " byte into packet with " << m_framePacket.size()
+                                    << " byte");
     }
     // Only the producer thread touches m_framePacket, so it is sent without the lock.
     sendDataOverNanomsg(m_framePacket);

@@ -1,0 +1,67 @@
+// The frame path must not allocate once the sender's packet buffer has grown to the largest
+// frame. Counting needs the global operator new of this executable, so this suite stands alone.
+
+#include "SenderTestSupport.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+// Only the test's own thread counts: the listener, nanomsg and logging threads allocate
+// on their own schedules.
+thread_local bool countAllocations = false;
+thread_local std::size_t allocationCount = 0;
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    if (countAllocations)
+        ++allocationCount;
+    if (void* memory = std::malloc(size != 0 ? size : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+namespace vrx::test {
+namespace {
+
+TEST(SenderFramePath, SendsFramesWithoutAllocatingOnceItsBufferHasGrown)
+{
+    ScratchDirectory scratch;
+    ScopedEnvironmentVariable tmpdir("TMPDIR", scratch.path());
+    PcmPayloader payloader;
+    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    Sender sender;
+    ASSERT_TRUE(sender.initializeSender(uniqueSocketAddress("allocation"), "", "", 0,
+                                        TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
+    const std::vector<std::string> directories = senderDirectories(scratch.path());
+    ASSERT_EQ(directories.size(), 1u);
+    NanomsgSocket subscriber(NanomsgSocket::Kind::Subscriber, nanomsgUriOf(directories.front()));
+    ASSERT_TRUE(subscriber.attached());
+    sender.setCurrentPayloader(payloader);
+    sender.startNewSequence();
+
+    const Buffer largest = mediaFrame(1);
+    const Buffer smaller(largest.size() / 2, 7);
+    sender.sendMediaData(0, 10'000'000, largest);
+
+    countAllocations = true;
+    for (std::uint64_t frame = 1; frame <= 200; ++frame)
+        sender.sendMediaData(frame, 10'000'000, frame % 2 == 0 ? largest : smaller);
+    countAllocations = false;
+
+    EXPECT_EQ(allocationCount, 0u);
+    sender.shutdownSender();
+}
+
+} // namespace
+} // namespace vrx::test

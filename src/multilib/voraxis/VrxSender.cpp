@@ -523,7 +523,14 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
     }
     MISCUTILS_ASSERT(m_nanomsgMainFD >= 0);
 
-    pollfd pollFDs[2] = {{m_nanomsgWakeupPipe[0], POLLIN, 0}, {m_nanomsgWatchFD, POLLIN, 0}};
+    // The watch descriptor comes first: when it is ready, as it nearly always is, the kernel
+    // skips registering a wait on the pipe, which makes this poll much cheaper per frame.
+    enum
+    {
+        Watch,
+        Wakeup
+    };
+    pollfd pollFDs[2] = {{m_nanomsgWatchFD, POLLIN, 0}, {m_nanomsgWakeupPipe[0], POLLIN, 0}};
     LOG4CPLUS_TRACE(logger, "Sending data with " << packet.size() << " bytes over nanomsg SP socket");
 
     // No time-out: only writability or a wake-up byte ends the wait.
@@ -536,11 +543,11 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         return;
     }
 
-    if ((pollFDs[0].revents & POLLIN) != 0)
+    if ((pollFDs[Wakeup].revents & POLLIN) != 0)
     {
         LOG4CPLUS_TRACE(logger, "Nanomsg wakeup pipe activity");
         char drain[wakeupDrainSize];
-        if (read(pollFDs[0].fd, drain, sizeof(drain)) < 0)
+        if (read(pollFDs[Wakeup].fd, drain, sizeof(drain)) < 0)
         {
             const int error = errno;
             LOG4CPLUS_ERROR(
@@ -550,7 +557,7 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
     }
 
     // Woken by disableSend or shutdownSender while the socket could not take the packet.
-    if ((pollFDs[1].revents & POLLIN) == 0)
+    if ((pollFDs[Watch].revents & POLLIN) == 0)
         return;
 
     LOG4CPLUS_TRACE(logger, "Nanomsg watch FD activity");

@@ -4,8 +4,9 @@
 
 #include <miscutils/MiscUtils.h>
 
+#include "TestHelpers.h"
+
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -22,42 +23,6 @@
 namespace vrx::test {
 
 using namespace std::chrono_literals;
-
-/// Entries of a /proc directory, e.g. "/proc/self/task" (threads) or "/proc/self/fd".
-inline std::size_t countEntries(const char* path)
-{
-    std::size_t count = 0;
-    if (DIR* directory = opendir(path))
-    {
-        while (const dirent* entry = readdir(directory))
-            if (entry->d_name[0] != '.')
-                ++count;
-        closedir(directory);
-    }
-    return count;
-}
-
-inline std::size_t threadCount()
-{
-    return countEntries("/proc/self/task");
-}
-inline std::size_t descriptorCount()
-{
-    return countEntries("/proc/self/fd");
-}
-
-/// Polls `condition` until it holds or `timeout` passed; the result of its last evaluation.
-inline bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 8000ms)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-            return condition();
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 /// Signed difference between a clock reading and the truth, the truth read right before and
 /// right after it. Readings that were interrupted (a wide truth window) are taken again.

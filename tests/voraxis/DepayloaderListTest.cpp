@@ -2,6 +2,7 @@
 
 #include "AssertionRegex.h"
 #include "LogCapture.h"
+#include "TestHelpers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,11 +31,7 @@ using LogLine = std::pair<log4cplus::LogLevel, std::string>;
 constexpr log4cplus::LogLevel debugLevel = log4cplus::DEBUG_LOG_LEVEL;
 constexpr log4cplus::LogLevel errorLevel = log4cplus::ERROR_LOG_LEVEL;
 
-// Packet bytes written as a string literal; embedded 0 bytes are kept.
-Buffer bytes(std::string_view text)
-{
-    return Buffer(text.begin(), text.end());
-}
+using vrx::test::bytes;
 
 const Buffer validPcmHeader = bytes("\x80\xBB\x00\x00\x02\x03"sv);
 

@@ -8,6 +8,7 @@
 #include <voraxis/VrxSender.h>
 
 #include "LogCapture.h"
+#include "TestHelpers.h"
 
 #include <chrono>
 #include <cstdint>
@@ -19,12 +20,6 @@
 namespace vrx::test {
 
 using namespace std::chrono_literals;
-
-/// Generous: machines running the suite are shared and noisy.
-inline constexpr std::chrono::milliseconds conditionDeadline = 30s;
-
-/// Polls `condition` until it holds or the deadline passes; the result is its last value.
-bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline = conditionDeadline);
 
 /// Waits until the log holds a record with exactly this message.
 bool waitForLog(const LogCapture& log, const std::string& message);
@@ -71,12 +66,6 @@ std::vector<std::string> senderDirectories(const std::string& parent);
 
 /// "ipc://" URI of the main channel of the sender whose directory is `senderDirectory`.
 std::string nanomsgUriOf(const std::string& senderDirectory);
-
-/// Open descriptors of this process as "number -> target", sorted.
-std::vector<std::string> openDescriptors();
-
-/// Number of threads of this process.
-std::size_t threadCount();
 
 /// A receiver's end of the sidechannel: a plain Unix-domain stream client.
 class SidechannelClient

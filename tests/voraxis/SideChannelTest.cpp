@@ -2,6 +2,8 @@
 
 #include "AssertionRegex.h"
 
+#include "TestHelpers.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,11 +21,7 @@ using vrx::InitialInfo;
 using vrx::NanomsgProtocol;
 using vrx::TimeSyncProtocol;
 
-// Packet bytes written as a string literal ("\x01\x00" "ab" ...); embedded 0 bytes are kept.
-Buffer bytes(std::string_view text)
-{
-    return Buffer(text.begin(), text.end());
-}
+using vrx::test::bytes;
 
 InitialInfo makeInfo(std::string address, std::uint16_t port, TimeSyncProtocol timeSync,
                      NanomsgProtocol nanomsg, std::string uri)

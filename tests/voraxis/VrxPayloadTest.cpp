@@ -2,6 +2,8 @@
 
 #include "AssertionRegex.h"
 
+#include "TestHelpers.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -18,11 +20,7 @@ using vrx::Buffer;
 using vrx::ByteSpan;
 using vrx::PacketType;
 
-// Packet bytes written as a string literal; embedded 0 bytes are kept.
-Buffer bytes(std::string_view text)
-{
-    return Buffer(text.begin(), text.end());
-}
+using vrx::test::bytes;
 
 // --- packet type and common header -----------------------------------------------------
 

@@ -319,6 +319,39 @@ TEST_F(SenderSetupTest, NanomsgFailureAfterTheListenerLeavesTheListenerAndDirect
     EXPECT_TRUE(m_log.records().empty()) << "the sender is idle, so shut-down does nothing";
 }
 
+TEST_F(SenderSetupTest, RetryingUntilTheParentDirectoryExistsDoesNotPileUpDescriptors)
+{
+    const ProcessBaseline baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
+    const std::string parent = m_scratch.path() + "/appears-later";
+    ScopedEnvironmentVariable tmpdir("TMPDIR", parent);
+
+    for (int attempt = 0; attempt < 5; ++attempt)
+        EXPECT_FALSE(initialize(NanomsgProtocol::PubSub));
+    // Each failed attempt leaves its two pipes open until the next one.
+    EXPECT_EQ(openDescriptors().size(), baseline.descriptors.size() + 4);
+
+    ASSERT_TRUE(std::filesystem::create_directory(parent));
+    ASSERT_TRUE(initialize(NanomsgProtocol::PubSub));
+    m_sender.shutdownSender();
+    EXPECT_EQ(openDescriptors(), baseline.descriptors);
+}
+
+TEST_F(SenderSetupTest, DestroyingASenderWhoseSetUpFailedReleasesWhatItLeft)
+{
+    const std::vector<std::string> descriptorsBefore =
+        baselineAfterAWarmUpCycle(m_sender, m_address).descriptors;
+    ScopedEnvironmentVariable tmpdir("TMPDIR", tmpdirTooLongForTheIpcPath(m_scratch.path()));
+    {
+        Sender sender;
+        EXPECT_FALSE(sender.initializeSender(m_address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                             NanomsgProtocol::PubSub));
+        EXPECT_TRUE(SidechannelClient(m_address).connected());
+    }
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+    EXPECT_TRUE(senderDirectories(std::getenv("TMPDIR")).empty());
+    EXPECT_FALSE(SidechannelClient(m_address).connected());
+}
+
 TEST_F(SenderSetupTest, InitializingAgainAfterANanomsgFailureStopsAtTheListenerAssertion)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

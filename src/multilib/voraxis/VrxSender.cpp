@@ -55,6 +55,13 @@ Sender::Sender() : m_listenerPollFDs(std::make_unique<std::vector<pollfd>>())
 Sender::~Sender()
 {
     shutdownSender();
+    // A failed set-up leaves its listening socket, pipes and directory in place; they go with
+    // the sender.
+    std::lock_guard lock(m_mutex);
+    if (m_listenerSocketFD >= 0)
+        shutdownListener();
+    releaseWakeupPipes();
+    removeTemporaryDirectory();
 }
 
 bool Sender::initializeSender(std::string socketAddress, std::string alternativeSocketAddress,
@@ -75,6 +82,11 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     LOG4CPLUS_TRACE(logger, "Setting up sender with socket address \"" << socketAddress << "\"");
     if (!alternativeSocketAddress.empty())
         LOG4CPLUS_TRACE(logger, "Alternative socket address \"" << alternativeSocketAddress << "\"");
+
+    // A failed earlier attempt left its pipes and directory in place; a retry releases them
+    // first, so that retrying until the parent directory appears does not pile them up.
+    releaseWakeupPipes();
+    removeTemporaryDirectory();
 
     if (pipe2(m_listenerWakeupPipe.data(), O_CLOEXEC) < 0)
     {
@@ -169,6 +181,15 @@ void Sender::shutdownSender()
     shutdownNanomsgMainChannel();
     m_listenerPollFDs->clear();
 
+    releaseWakeupPipes();
+    removeTemporaryDirectory();
+    m_initialized = false;
+
+    LOG4CPLUS_TRACE(logger, "Sender shut down");
+}
+
+void Sender::releaseWakeupPipes()
+{
     for (std::array<int, 2>* wakeupPipe : {&m_listenerWakeupPipe, &m_nanomsgWakeupPipe})
     {
         if ((*wakeupPipe)[0] == -1)
@@ -177,7 +198,10 @@ void Sender::shutdownSender()
         close((*wakeupPipe)[1]);
         *wakeupPipe = {-1, -1};
     }
+}
 
+void Sender::removeTemporaryDirectory()
+{
     if (!m_nanomsgUri.empty())
     {
         LOG4CPLUS_DEBUG(logger,
@@ -189,13 +213,9 @@ void Sender::shutdownSender()
         LOG4CPLUS_DEBUG(logger, "Deleting temporary nanomsg socket directory \"" << m_tempDirectory << "\"");
         rmdir(m_tempDirectory.c_str());
     }
-
     m_nanomsgUri.clear();
     m_nanomsgIpcFilePath.clear();
     m_tempDirectory.clear();
-    m_initialized = false;
-
-    LOG4CPLUS_TRACE(logger, "Sender shut down");
 }
 
 bool Sender::areThereClientConnections() const

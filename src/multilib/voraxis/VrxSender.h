@@ -87,6 +87,9 @@ private:
     void shutdownNanomsgMainChannel();
     void sendDataOverNanomsg(const ByteSpan& packet);
     std::size_t clientConnectionCount() const;
+    void releaseWakeupPipes();
+    /// Removes the IPC file and the temporary directory, where there are any.
+    void removeTemporaryDirectory();
 
     std::string m_socketAddress;
     std::string m_alternativeSocketAddress;

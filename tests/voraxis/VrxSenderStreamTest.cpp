@@ -4,6 +4,9 @@
 
 #include "SenderTestSupport.h"
 
+#include <atomic>
+#include <thread>
+
 #include "AssertionRegex.h"
 
 #include <gtest/gtest.h>
@@ -242,6 +245,31 @@ TEST_F(SenderStreamTest, DisableSendLogsOnlyChangesAndTheNextEnabledSendDrainsIt
         subscriber, [&] { m_sender.sendMediaData(5, frameDuration, m_media); },
         [](const Buffer& packet) { return isFrameWithTimestamp(packet, 5); });
     EXPECT_EQ(frame, expectedFrame(0, 5, frameDuration, m_media));
+}
+
+TEST_F(SenderStreamTest, DisableSendFromAnotherThreadIsSafeWhileTheSenderComesAndGoes)
+{
+    std::atomic<bool> stop{false};
+    std::thread toggler([&] {
+        while (!stop)
+        {
+            m_sender.disableSend(true);
+            m_sender.disableSend(false);
+            std::this_thread::yield();
+        }
+    });
+    bool allInitialized = true;
+    for (int cycle = 0; cycle < 20; ++cycle)
+    {
+        allInitialized = initialize(NanomsgProtocol::PubSub) && allInitialized;
+        m_sender.shutdownSender();
+    }
+    stop = true;
+    toggler.join();
+
+    EXPECT_TRUE(allInitialized);
+    // A wake-up byte written to a pipe that shut-down had closed would fail with EBADF.
+    EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
 }
 
 TEST_F(SenderStreamTest, SendingIsEnabledAgainAfterShutdownAndReinitialisation)

@@ -592,12 +592,21 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
 
 void Sender::disableSend(bool disable)
 {
-    std::lock_guard lock(m_nanomsgMutex);
-    if (m_sendDisabled == disable)
+    {
+        std::lock_guard lock(m_nanomsgMutex);
+        if (m_sendDisabled == disable)
+            return;
+        m_sendDisabled = disable;
+        LOG4CPLUS_TRACE(logger, "Send operations are now " << (disable ? "disabled" : "enabled"));
+    }
+    if (!disable)
         return;
-    m_sendDisabled = disable;
-    LOG4CPLUS_TRACE(logger, "Send operations are now " << (disable ? "disabled" : "enabled"));
-    if (disable && m_nanomsgWakeupPipe[1] >= 0 && write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) != 1)
+    // The wake-up pipe is created and closed under m_mutex, so it is written under m_mutex too
+    // (after m_nanomsgMutex was released): a concurrent initialise or shut-down can then never
+    // leave this write with a closed, or reused, descriptor. Nobody holds m_mutex while waiting
+    // for the main channel, so this never waits for a blocked send.
+    std::lock_guard lock(m_mutex);
+    if (m_nanomsgWakeupPipe[1] >= 0 && write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) != 1)
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for disable");
 }
 

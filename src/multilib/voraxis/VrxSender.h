@@ -65,6 +65,7 @@ public:
 
     /// Switches sending over the main channel off (true) or on (false); switching it off wakes
     /// a send that waits for the channel. A successful initializeSender switches it on again.
+    /// Safe from any thread at any time, also while the sender is initialised or shut down.
     void disableSend(bool disable);
 
     /// True while at least one receiver is connected to the sidechannel.

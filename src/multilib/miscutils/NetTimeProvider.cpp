@@ -126,8 +126,13 @@ TimeValue NetTimeProvider::getTime() const
 {
     std::lock_guard lock(m_timeMutex);
     const TimeValue now = getMonotonicSysclockTime();
+    return now + static_cast<TimeValue>(m_offset + driftSinceRateChange(now));
+}
+
+std::int64_t NetTimeProvider::driftSinceRateChange(TimeValue now) const
+{
     const double sinceRateChange = static_cast<double>(static_cast<std::int64_t>(now - m_rateChangeTime));
-    return now + static_cast<TimeValue>(m_offset + std::llround(sinceRateChange * (m_rate - 1.0)));
+    return std::llround(sinceRateChange * (m_rate - 1.0));
 }
 
 void NetTimeProvider::setOffset(std::int64_t offset)
@@ -140,8 +145,7 @@ void NetTimeProvider::setRate(double rate)
 {
     std::lock_guard lock(m_timeMutex);
     const TimeValue now = getMonotonicSysclockTime();
-    const double sinceRateChange = static_cast<double>(static_cast<std::int64_t>(now - m_rateChangeTime));
-    m_offset += std::llround(sinceRateChange * (m_rate - 1.0));
+    m_offset += driftSinceRateChange(now);
     m_rate = rate;
     m_rateChangeTime = now;
 }

@@ -45,6 +45,8 @@ public:
 
 private:
     void stopServing();
+    /// What the rate has added to the offset since it was last changed; needs m_timeMutex.
+    std::int64_t driftSinceRateChange(TimeValue now) const;
     void serve();
     void answerRequests();
 

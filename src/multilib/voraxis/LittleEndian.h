@@ -9,10 +9,17 @@
 namespace vrx::detail {
 
 template <std::unsigned_integral Value>
-void appendLittleEndian(std::vector<unsigned char>& buffer, Value value)
+void writeLittleEndian(unsigned char* bytes, Value value)
 {
     for (std::size_t byteIndex = 0; byteIndex < sizeof(Value); ++byteIndex)
-        buffer.push_back(static_cast<unsigned char>(value >> (8 * byteIndex)));
+        bytes[byteIndex] = static_cast<unsigned char>(value >> (8 * byteIndex));
+}
+
+template <std::unsigned_integral Value>
+void appendLittleEndian(std::vector<unsigned char>& buffer, Value value)
+{
+    buffer.resize(buffer.size() + sizeof(Value));
+    writeLittleEndian(buffer.data() + buffer.size() - sizeof(Value), value);
 }
 
 template <std::unsigned_integral Value>

@@ -115,8 +115,7 @@ InitialInfo parseInitialInfoPacket(const ByteSpan& packetData)
 SidechannelMessageSize produceSidechannelMessageSize(std::uint32_t payloadSize)
 {
     SidechannelMessageSize sizeBytes{};
-    for (std::size_t byteIndex = 0; byteIndex < sizeBytes.size(); ++byteIndex)
-        sizeBytes[byteIndex] = static_cast<unsigned char>(payloadSize >> (8 * byteIndex));
+    detail::writeLittleEndian(sizeBytes.data(), payloadSize);
     return sizeBytes;
 }
 

@@ -109,17 +109,15 @@ TEST_F(NetTimeProviderTest, ServesTheMonotonicClockWithOffsetAndRate)
 TEST_F(NetTimeProviderTest, StopFreesThePortThreadAndDescriptorsAndRestartWorks)
 {
     m_provider.stop();
-    const std::size_t threads = vrx::test::threadCount();
-    const std::size_t descriptors = vrx::test::descriptorCount();
+    const auto baseline = vrx::test::processResources();
 
     ASSERT_TRUE(m_provider.start("127.0.0.1", 0));
     const unsigned int port = m_provider.getPort();
-    EXPECT_EQ(vrx::test::threadCount(), threads + 1);
+    EXPECT_TRUE(vrx::test::settlesAt(baseline, {.threads = 1, .descriptors = vrx::test::anyCount}));
     m_provider.stop();
     m_provider.stop();
     EXPECT_EQ(m_provider.getPort(), 0u);
-    EXPECT_EQ(vrx::test::threadCount(), threads);
-    EXPECT_EQ(vrx::test::descriptorCount(), descriptors);
+    EXPECT_TRUE(vrx::test::settlesAt(baseline));
 
     // The same port again, serving.
     ASSERT_TRUE(m_provider.start("127.0.0.1", port));
@@ -134,8 +132,7 @@ TEST_F(NetTimeProviderTest, FailuresToStartAreLoggedAndLeaveNothingRunning)
 {
     const unsigned int takenPort = m_provider.getPort();
     NetTimeProvider second;
-    const std::size_t threads = vrx::test::threadCount();
-    const std::size_t descriptors = vrx::test::descriptorCount();
+    const auto baseline = vrx::test::processResources();
 
     EXPECT_FALSE(second.start("127.0.0.1", takenPort));
     EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL,
@@ -147,8 +144,7 @@ TEST_F(NetTimeProviderTest, FailuresToStartAreLoggedAndLeaveNothingRunning)
               1u);
     EXPECT_FALSE(second.start("127.0.0.1", 70000));
     EXPECT_EQ(second.getPort(), 0u);
-    EXPECT_EQ(vrx::test::threadCount(), threads);
-    EXPECT_EQ(vrx::test::descriptorCount(), descriptors);
+    EXPECT_TRUE(vrx::test::settlesAt(baseline));
 }
 
 } // namespace

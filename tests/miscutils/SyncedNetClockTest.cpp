@@ -26,9 +26,10 @@ namespace {
 using miscUtils::NetTimeProvider;
 using miscUtils::SyncedNetClock;
 using miscUtils::TimeValue;
-using vrx::test::descriptorCount;
 using vrx::test::readingError;
-using vrx::test::threadCount;
+using vrx::test::anyCount;
+using vrx::test::processResources;
+using vrx::test::settlesAt;
 using vrx::test::waitFor;
 using namespace std::chrono_literals;
 
@@ -184,8 +185,7 @@ protected:
 
 TEST_F(SyncedNetClockTest, IdleClockReadsTheMonotonicClockAndHasNoThread)
 {
-    const std::size_t threads = threadCount();
-    const std::size_t descriptors = descriptorCount();
+    const auto baseline = processResources();
     SyncedNetClock clock;
     EXPECT_FALSE(clock.isSynchronized());
     const TimeValue before = miscUtils::getMonotonicSysclockTime();
@@ -193,8 +193,7 @@ TEST_F(SyncedNetClockTest, IdleClockReadsTheMonotonicClockAndHasNoThread)
     const TimeValue after = miscUtils::getMonotonicSysclockTime();
     EXPECT_LE(before, reading);
     EXPECT_LE(reading, after);
-    EXPECT_EQ(threadCount(), threads);
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_TRUE(settlesAt(baseline));
 
     clock.stopSynchronization();
     clock.stopSynchronization();
@@ -206,10 +205,10 @@ TEST_F(SyncedNetClockTest, SynchronisesWithOneThreadCallsBackAndFollowsTheOffset
 {
     m_provider.setOffset(1000 * SignedSecond);
     ASSERT_TRUE(m_provider.start("127.0.0.1", 0));
-    const std::size_t threads = threadCount();
+    const auto baseline = processResources();
 
     start(m_provider.getPort());
-    EXPECT_EQ(threadCount(), threads + 1);
+    EXPECT_TRUE(settlesAt(baseline, {.threads = 1, .descriptors = anyCount}));
     ASSERT_TRUE(waitFor([&] { return m_clock.isSynchronized(); }));
     ASSERT_TRUE(waitForStateChanges(1));
     EXPECT_TRUE(stateChanges()[0].synchronized);
@@ -221,7 +220,7 @@ TEST_F(SyncedNetClockTest, SynchronisesWithOneThreadCallsBackAndFollowsTheOffset
     // Stopping keeps the clock on the server's time base, without a callback.
     m_clock.stopSynchronization();
     EXPECT_FALSE(m_clock.isSynchronized());
-    EXPECT_EQ(threadCount(), threads);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_LT(magnitude(errorAgainstProvider()), Tolerance);
     EXPECT_EQ(stateChanges().size(), 1u);
 }
@@ -376,7 +375,7 @@ TEST_F(SyncedNetClockTest, IgnoresGarbageAndUnmatchedReplies)
 TEST_F(SyncedNetClockTest, StopDuringABurstDoesNotWaitForTheReply)
 {
     vrx::test::UdpSocket silentServer;
-    const std::size_t threads = threadCount();
+    const auto baseline = processResources();
     // Each request would wait 30 s for its reply.
     start(silentServer.port(), 30 * Second);
     ASSERT_TRUE(silentServer.receive(5000ms));
@@ -386,7 +385,7 @@ TEST_F(SyncedNetClockTest, StopDuringABurstDoesNotWaitForTheReply)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
     // Still in the first exchange of the burst when stopped: no second request.
     EXPECT_FALSE(silentServer.receive(0ms));
-    EXPECT_EQ(threadCount(), threads);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_TRUE(stateChanges().empty());
 }
 
@@ -394,8 +393,7 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
 {
     ASSERT_TRUE(m_provider.start("127.0.0.1", 0));
     const unsigned int port = m_provider.getPort();
-    const std::size_t threads = threadCount();
-    const std::size_t descriptors = descriptorCount();
+    const auto baseline = processResources();
     std::atomic<int> stoppedCycle{-1};
     std::atomic<int> lateCallbacks{0};
     std::atomic<int> callbacks{0};
@@ -407,7 +405,7 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
             if (cycle <= stoppedCycle)
                 ++lateCallbacks;
         });
-        EXPECT_EQ(threadCount(), threads + 1);
+        EXPECT_TRUE(settlesAt(baseline, {.threads = 1, .descriptors = anyCount}));
         // Stopped at once, while acquiring, or synchronised.
         if (cycle % 3 == 1)
         {
@@ -421,13 +419,12 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
         stoppedCycle = cycle;
         EXPECT_FALSE(m_clock.isSynchronized());
     }
-    EXPECT_EQ(threadCount(), threads);
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_TRUE(settlesAt(baseline));
 
     // Starting again while running replaces the running synchronisation.
     start(port);
     start(port);
-    EXPECT_EQ(threadCount(), threads + 1);
+    EXPECT_TRUE(settlesAt(baseline, {.threads = 1, .descriptors = anyCount}));
     m_clock.stopSynchronization();
 
     // A clock destroyed while running stops.
@@ -435,26 +432,23 @@ TEST_F(SyncedNetClockTest, StartStopCyclesLeaveNoThreadDescriptorOrLateCallback)
         SyncedNetClock running;
         running.startSynchronization("127.0.0.1", port, PollIntervalMs, MaxRoundTripNs, nullptr);
         EXPECT_TRUE(waitFor([&] { return running.isSynchronized(); }));
-        EXPECT_EQ(threadCount(), threads + 1);
+        EXPECT_TRUE(settlesAt(baseline, {.threads = 1, .descriptors = anyCount}));
     }
-    EXPECT_EQ(threadCount(), threads);
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_GT(callbacks.load(), 0);
     EXPECT_EQ(lateCallbacks.load(), 0);
 }
 
 TEST_F(SyncedNetClockTest, StartFailuresAreLoggedAndLeaveTheClockIdle)
 {
-    const std::size_t threads = threadCount();
-    const std::size_t descriptors = descriptorCount();
+    const auto baseline = processResources();
     m_clock.startSynchronization("localhost", 123, PollIntervalMs, MaxRoundTripNs, nullptr);
     m_clock.startSynchronization("127.0.0.1", 70000, PollIntervalMs, MaxRoundTripNs, nullptr);
     EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address localhost:123"),
               1u);
     EXPECT_EQ(m_log.count(log4cplus::ERROR_LOG_LEVEL, "Invalid network time server address 127.0.0.1:70000"),
               1u);
-    EXPECT_EQ(threadCount(), threads);
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_FALSE(m_clock.isSynchronized());
     const TimeValue before = miscUtils::getMonotonicSysclockTime();
     const TimeValue reading = m_clock.getSynchronizedTime();

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <thread>
 
 namespace vrx::test {
@@ -49,17 +50,42 @@ std::vector<std::string> openDescriptors()
     return descriptors;
 }
 
-std::size_t descriptorCount()
+ProcessResources processResources()
 {
-    return openDescriptors().size();
+    ProcessResources resources{openDescriptors(), {}};
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        resources.threads.push_back(entry.path().filename());
+    std::sort(resources.threads.begin(), resources.threads.end());
+    return resources;
 }
 
-std::size_t threadCount()
+namespace {
+
+std::vector<std::string> beyond(const std::vector<std::string>& now, const std::vector<std::string>& baseline)
 {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-        ++count;
-    return count;
+    std::vector<std::string> added;
+    std::set_difference(now.begin(), now.end(), baseline.begin(), baseline.end(), std::back_inserter(added));
+    return added;
+}
+
+} // namespace
+
+::testing::AssertionResult settlesAt(const ProcessResources& baseline, Extra extra)
+{
+    ProcessResources added;
+    const bool settled = waitFor([&] {
+        const ProcessResources now = processResources();
+        added = {beyond(now.descriptors, baseline.descriptors), beyond(now.threads, baseline.threads)};
+        const auto matches = [](std::size_t count, std::size_t wanted) { return wanted == anyCount || count == wanted; };
+        return matches(added.threads.size(), extra.threads) && matches(added.descriptors.size(), extra.descriptors);
+    }, 10s);
+    if (settled)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << "expected " << extra.threads << " thread(s) and " << extra.descriptors
+           << " descriptor(s) beyond the baseline; still held beyond it: threads "
+           << ::testing::PrintToString(added.threads) << ", descriptors "
+           << ::testing::PrintToString(added.descriptors);
 }
 
 } // namespace vrx::test

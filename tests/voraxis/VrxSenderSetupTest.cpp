@@ -202,18 +202,12 @@ TEST_F(SenderSetupTest, InitializingARunningSenderChangesNothing)
 
 // Counts shut-down must get back to: nanomsg keeps nothing once its last socket is closed, but
 // a first cycle also lets logging, the sanitizer runtimes and the allocator settle.
-struct ProcessBaseline
-{
-    std::vector<std::string> descriptors;
-    std::size_t threads;
-};
-
-ProcessBaseline baselineAfterAWarmUpCycle(Sender& sender, const std::string& address)
+ProcessResources baselineAfterAWarmUpCycle(Sender& sender, const std::string& address)
 {
     if (sender.initializeSender(address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
                                 NanomsgProtocol::PubSub))
         sender.shutdownSender();
-    return {openDescriptors(), threadCount()};
+    return processResources();
 }
 
 TEST_F(SenderSetupTest, ShutdownLeavesNoDescriptorThreadFileOrDirectory)
@@ -221,11 +215,11 @@ TEST_F(SenderSetupTest, ShutdownLeavesNoDescriptorThreadFileOrDirectory)
     for (const NanomsgProtocol protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
     {
         SCOPED_TRACE(toString(protocol));
-        const ProcessBaseline baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
+        const ProcessResources baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
 
         ASSERT_TRUE(initialize(protocol));
         const std::string directory = senderDirectory();
-        EXPECT_GT(threadCount(), baseline.threads);
+        EXPECT_GT(processResources().threads.size(), baseline.threads.size());
         {
             SidechannelClient first(m_address);
             SidechannelClient second(m_address);
@@ -249,14 +243,13 @@ TEST_F(SenderSetupTest, ShutdownLeavesNoDescriptorThreadFileOrDirectory)
         }
         EXPECT_FALSE(std::filesystem::exists(directory));
         EXPECT_TRUE(std::filesystem::is_empty(m_scratch.path()));
-        EXPECT_EQ(openDescriptors(), baseline.descriptors);
-        EXPECT_EQ(threadCount(), baseline.threads);
+        EXPECT_TRUE(settlesAt(baseline));
     }
 }
 
 TEST_F(SenderSetupTest, DestroyingAnInitialisedSenderShutsItDown)
 {
-    const ProcessBaseline baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
+    const ProcessResources baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
     {
         Sender sender;
         ASSERT_TRUE(sender.initializeSender(m_address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
@@ -266,8 +259,7 @@ TEST_F(SenderSetupTest, DestroyingAnInitialisedSenderShutsItDown)
     }
     EXPECT_EQ(m_log.count(TRACE_LOG_LEVEL, "Sender shut down"), 1u);
     EXPECT_TRUE(std::filesystem::is_empty(m_scratch.path()));
-    EXPECT_EQ(openDescriptors(), baseline.descriptors);
-    EXPECT_EQ(threadCount(), baseline.threads);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_FALSE(SidechannelClient(m_address).connected());
 }
 
@@ -321,25 +313,24 @@ TEST_F(SenderSetupTest, NanomsgFailureAfterTheListenerLeavesTheListenerAndDirect
 
 TEST_F(SenderSetupTest, RetryingUntilTheParentDirectoryExistsDoesNotPileUpDescriptors)
 {
-    const ProcessBaseline baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
+    const ProcessResources baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
     const std::string parent = m_scratch.path() + "/appears-later";
     ScopedEnvironmentVariable tmpdir("TMPDIR", parent);
 
     for (int attempt = 0; attempt < 5; ++attempt)
         EXPECT_FALSE(initialize(NanomsgProtocol::PubSub));
     // Each failed attempt leaves its two pipes open until the next one.
-    EXPECT_EQ(openDescriptors().size(), baseline.descriptors.size() + 4);
+    EXPECT_TRUE(settlesAt(baseline, {.descriptors = 4}));
 
     ASSERT_TRUE(std::filesystem::create_directory(parent));
     ASSERT_TRUE(initialize(NanomsgProtocol::PubSub));
     m_sender.shutdownSender();
-    EXPECT_EQ(openDescriptors(), baseline.descriptors);
+    EXPECT_TRUE(settlesAt(baseline));
 }
 
 TEST_F(SenderSetupTest, DestroyingASenderWhoseSetUpFailedReleasesWhatItLeft)
 {
-    const std::vector<std::string> descriptorsBefore =
-        baselineAfterAWarmUpCycle(m_sender, m_address).descriptors;
+    const ProcessResources baseline = baselineAfterAWarmUpCycle(m_sender, m_address);
     ScopedEnvironmentVariable tmpdir("TMPDIR", tmpdirTooLongForTheIpcPath(m_scratch.path()));
     {
         Sender sender;
@@ -347,7 +338,7 @@ TEST_F(SenderSetupTest, DestroyingASenderWhoseSetUpFailedReleasesWhatItLeft)
                                              NanomsgProtocol::PubSub));
         EXPECT_TRUE(SidechannelClient(m_address).connected());
     }
-    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+    EXPECT_TRUE(settlesAt(baseline));
     EXPECT_TRUE(senderDirectories(std::getenv("TMPDIR")).empty());
     EXPECT_FALSE(SidechannelClient(m_address).connected());
 }

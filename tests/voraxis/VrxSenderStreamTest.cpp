@@ -294,8 +294,7 @@ TEST_F(SenderStreamTest, ShutdownWakesASendThatWaitsAndLeavesNothingBehind)
     if (m_sender.initializeSender(m_address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
                                   NanomsgProtocol::Pipeline))
         m_sender.shutdownSender(); // see the set-up suite: counts are taken after one cycle
-    const std::vector<std::string> descriptors = openDescriptors();
-    const std::size_t threads = threadCount();
+    const ProcessResources baseline = processResources();
 
     ASSERT_TRUE(initialize(NanomsgProtocol::Pipeline));
     const std::string directory = senderDirectory();
@@ -309,8 +308,7 @@ TEST_F(SenderStreamTest, ShutdownWakesASendThatWaitsAndLeavesNothingBehind)
     EXPECT_FALSE(m_log.contains("Nanomsg watch FD activity"));
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).empty());
     EXPECT_FALSE(std::filesystem::exists(directory));
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(threadCount(), threads);
+    EXPECT_TRUE(settlesAt(baseline));
 }
 
 TEST_F(SenderStreamTest, UseWithoutAPayloaderStopsTheProcess)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <voraxis/VrxExport.h>
+#include <miscutils/Export.h>
 
 #include <cstdint>
 #include <string>

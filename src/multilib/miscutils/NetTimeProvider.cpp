@@ -2,7 +2,7 @@
 
 #include "miscutils/NetTimeProtocol.h"
 #include "miscutils/ScopeGuard.h"
-#include "voraxis/ErrnoText.h"
+#include "miscutils/ErrnoText.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -24,7 +24,7 @@ namespace {
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
-using vrx::detail::ErrnoText;
+using detail::ErrnoText;
 
 // Requests answered per wake-up before the stop event is looked at again.
 constexpr int RequestsPerWakeup = 64;

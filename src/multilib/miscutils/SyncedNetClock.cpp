@@ -2,7 +2,7 @@
 
 #include "miscutils/Assert.h"
 #include "miscutils/NetTimeProtocol.h"
-#include "voraxis/ErrnoText.h"
+#include "miscutils/ErrnoText.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -28,7 +28,7 @@ namespace {
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
-using vrx::detail::ErrnoText;
+using detail::ErrnoText;
 
 constexpr TimeValue Millisecond = 1'000'000;
 constexpr TimeValue Second = 1'000'000'000;

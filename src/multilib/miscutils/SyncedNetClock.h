@@ -1,7 +1,7 @@
 #pragma once
 
+#include <miscutils/Export.h>
 #include <miscutils/MiscUtils.h>
-#include <voraxis/VrxExport.h>
 
 #include <atomic>
 #include <chrono>

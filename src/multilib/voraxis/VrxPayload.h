@@ -1,9 +1,9 @@
 #pragma once
 
 #include <voraxis/SideChannel.h>
-#include <voraxis/VrxExport.h>
 
 #include <audioutils/PcmFormat.h>
+#include <miscutils/Export.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
 #include "voraxis/VrxSender.h"
 
 #include "miscutils/Assert.h"
+#include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
-#include "voraxis/ErrnoText.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -25,6 +25,8 @@
 namespace vrx {
 
 namespace {
+
+using miscUtils::detail::ErrnoText;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
@@ -91,14 +93,13 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     if (pipe2(m_listenerWakeupPipe.data(), O_CLOEXEC) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger,
-                        "Could not create VRX sender thread look wakeup pipe: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not create VRX sender thread look wakeup pipe: " << ErrnoText{error});
         return false;
     }
     if (pipe2(m_nanomsgWakeupPipe.data(), O_CLOEXEC) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not create nanomsg wakeup pipe: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not create nanomsg wakeup pipe: " << ErrnoText{error});
         return false;
     }
 
@@ -116,8 +117,8 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     {
         const int error = errno;
         m_tempDirectory.clear();
-        LOG4CPLUS_ERROR(logger, "Could not create temporary directory for nanomsg SP socket: "
-                                    << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger,
+                        "Could not create temporary directory for nanomsg SP socket: " << ErrnoText{error});
         return false;
     }
 
@@ -241,7 +242,7 @@ bool Sender::setupListener()
     if (m_listenerSocketFD < 0)
     {
         const int error = errno;
-        LOG4CPLUS_DEBUG(logger, "Could not create listener socket: " << detail::ErrnoText{error});
+        LOG4CPLUS_DEBUG(logger, "Could not create listener socket: " << ErrnoText{error});
         return false;
     }
 
@@ -252,7 +253,7 @@ bool Sender::setupListener()
     if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << detail::ErrnoText{error});
+        LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{error});
         if (m_alternativeSocketAddress.empty())
             return false;
 
@@ -261,8 +262,7 @@ bool Sender::setupListener()
         if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0)
         {
             const int alternativeError = errno;
-            LOG4CPLUS_DEBUG(logger,
-                            "Could not bind listener socket: " << detail::ErrnoText{alternativeError});
+            LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{alternativeError});
             return false;
         }
     }
@@ -270,8 +270,8 @@ bool Sender::setupListener()
     if (listen(m_listenerSocketFD, listenBacklog) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(
-            logger, "Could not set socket to listen for incoming connections: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger,
+                        "Could not set socket to listen for incoming connections: " << ErrnoText{error});
         return false;
     }
 
@@ -304,7 +304,7 @@ void Sender::listenerThreadLoop()
         if (pollResult < 0)
         {
             const int error = errno;
-            LOG4CPLUS_ERROR(logger, "Could not poll for activity: " << detail::ErrnoText{error});
+            LOG4CPLUS_ERROR(logger, "Could not poll for activity: " << ErrnoText{error});
             stop();
             return;
         }
@@ -318,8 +318,8 @@ void Sender::listenerThreadLoop()
             if (read(pollFDs[0].fd, drain, sizeof(drain)) < 0)
             {
                 const int error = errno;
-                LOG4CPLUS_ERROR(logger, "Error while receiving wakeup call over control pipe: "
-                                            << detail::ErrnoText{error});
+                LOG4CPLUS_ERROR(logger,
+                                "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
             }
             stop();
             return;
@@ -354,7 +354,7 @@ void Sender::listenerThreadLoop()
                 if (error == EAGAIN)
                     LOG4CPLUS_DEBUG(logger, "No socket to accept; socket may have gone away");
                 else
-                    LOG4CPLUS_ERROR(logger, "Could not accept new connection: " << detail::ErrnoText{error});
+                    LOG4CPLUS_ERROR(logger, "Could not accept new connection: " << ErrnoText{error});
             }
         }
 
@@ -383,8 +383,8 @@ void Sender::listenerThreadLoop()
             if (received < 0)
             {
                 const int error = errno;
-                LOG4CPLUS_ERROR(logger, "Error trying to receive bytes from client connection FD: "
-                                            << detail::ErrnoText{error});
+                LOG4CPLUS_ERROR(
+                    logger, "Error trying to receive bytes from client connection FD: " << ErrnoText{error});
             }
             ++index;
         }
@@ -423,14 +423,14 @@ void Sender::sendDataOverClientConnection(int fd, const ByteSpan& data)
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not send message size to client connection with FD "
-                                    << fd << ": " << detail::ErrnoText{error});
+                                    << fd << ": " << ErrnoText{error});
         return;
     }
     if (send(fd, data.data(), data.size(), MSG_DONTWAIT) < 0)
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not send message payload to client connection with FD "
-                                    << fd << ": " << detail::ErrnoText{error});
+                                    << fd << ": " << ErrnoText{error});
     }
 }
 
@@ -455,8 +455,7 @@ bool Sender::setupNanomsgMainChannel()
     // instead of failing; such a path is refused here as a failed attach.
     if (m_nanomsgIpcFilePath.size() >= sizeof(sockaddr_un::sun_path))
     {
-        LOG4CPLUS_ERROR(logger,
-                        "Could not connect the nanomsg SP socket: " << detail::ErrnoText{ENAMETOOLONG});
+        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{ENAMETOOLONG});
         return false;
     }
 
@@ -464,7 +463,7 @@ bool Sender::setupNanomsgMainChannel()
     if (m_nanomsgMainFD < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not create nanomsg SP socket: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not create nanomsg SP socket: " << ErrnoText{error});
         return false;
     }
 
@@ -474,7 +473,7 @@ bool Sender::setupNanomsgMainChannel()
     if (m_nanomsgEndpointID < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
         return false;
     }
 
@@ -483,7 +482,7 @@ bool Sender::setupNanomsgMainChannel()
     if (nn_setsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_SNDBUF, &sendBufferSize, sizeof(sendBufferSize)) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not set the send buffer size: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not set the send buffer size: " << ErrnoText{error});
         return false;
     }
 
@@ -492,7 +491,7 @@ bool Sender::setupNanomsgMainChannel()
     if (nn_getsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_SNDFD, &watchFD, &watchFDSize) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Could not retrieve the nanosmg watch FD: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Could not retrieve the nanosmg watch FD: " << ErrnoText{error});
         nn_shutdown(m_nanomsgMainFD, m_nanomsgEndpointID);
         m_nanomsgEndpointID = -1;
         return false;
@@ -517,7 +516,7 @@ void Sender::shutdownNanomsgMainChannel()
     if (nn_close(m_nanomsgMainFD) < 0)
     {
         const int error = errno;
-        LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << ErrnoText{error});
     }
     m_nanomsgMainFD = -1;
 }
@@ -559,7 +558,7 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         const int error = errno;
         if (error == EINTR)
             continue;
-        LOG4CPLUS_ERROR(logger, "poll() error while writing data to nanomsg: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "poll() error while writing data to nanomsg: " << ErrnoText{error});
         return;
     }
 
@@ -570,8 +569,8 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         if (read(pollFDs[Wakeup].fd, drain, sizeof(drain)) < 0)
         {
             const int error = errno;
-            LOG4CPLUS_ERROR(
-                logger, "Error while receiving wakeup call over control pipe: " << detail::ErrnoText{error});
+            LOG4CPLUS_ERROR(logger,
+                            "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
             return;
         }
     }
@@ -587,7 +586,7 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
     if (error == EAGAIN)
         LOG4CPLUS_DEBUG(logger, "Could not send data over nanomsg; connection might be gone");
     else
-        LOG4CPLUS_ERROR(logger, "Error while trying to send data over nanomsg: " << detail::ErrnoText{error});
+        LOG4CPLUS_ERROR(logger, "Error while trying to send data over nanomsg: " << ErrnoText{error});
 }
 
 void Sender::disableSend(bool disable)

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <voraxis/SideChannel.h>
-#include <voraxis/VrxExport.h>
 #include <voraxis/VrxPayload.h>
 
+#include <miscutils/Export.h>
 #include <miscutils/MiscUtils.h>
 
 #include <array>

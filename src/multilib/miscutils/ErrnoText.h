@@ -1,14 +1,14 @@
 #pragma once
 
 // How failed system and nanomsg calls are logged: the error text, then the number in
-// parentheses, e.g. `LOG4CPLUS_ERROR(logger, "Could not poll: " << detail::ErrnoText{errno});`.
+// parentheses, e.g. `LOG4CPLUS_ERROR(logger, "Could not poll: " << ErrnoText{errno});`.
 // Private to the library.
 
 #include "miscutils/MiscUtils.h"
 
 #include <ostream>
 
-namespace vrx::detail {
+namespace miscUtils::detail {
 
 struct ErrnoText
 {
@@ -17,7 +17,7 @@ struct ErrnoText
 
 inline std::ostream& operator<<(std::ostream& stream, const ErrnoText& text)
 {
-    return stream << miscUtils::strerror_r_safe(text.errorNumber) << " (" << text.errorNumber << ")";
+    return stream << strerror_r_safe(text.errorNumber) << " (" << text.errorNumber << ")";
 }
 
-} // namespace vrx::detail
+} // namespace miscUtils::detail

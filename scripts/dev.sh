@@ -6,6 +6,9 @@
 #   scripts/dev.sh test [CONFIG]  setup, build, run the whole test suite with CTest
 #                                 CONFIG: plain (default, warnings as errors), asan (Address-
 #                                 and UndefinedBehaviorSanitizer) or tsan (ThreadSanitizer)
+#   scripts/dev.sh package        build and install as a packager does (-DBUILD_TESTING=OFF)
+#                                 into a staging directory, checking that no test dependency
+#                                 was looked up and that no test target was made
 #   scripts/dev.sh bench          setup, build and run the benchmarks in bench/
 set -euo pipefail
 
@@ -56,6 +59,22 @@ run_tests() {
     ctest --test-dir "$dir" --output-on-failure --parallel "$jobs" --timeout 300
 }
 
+package() {
+    local dir=$root/build-package
+    rm -rf "$dir"
+    build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DVRX_WARNINGS_AS_ERRORS=ON
+    if grep -n -i -E 'gtest|gmock|gstreamer' "$dir/CMakeCache.txt"; then
+        echo "package: a build without tests looked up a test dependency (above)" >&2
+        exit 1
+    fi
+    if cmake --build "$dir" --target help | grep -E '(^|[^[:alnum:]_])test([^[:alnum:]]|$)|_tests?:'; then
+        echo "package: a build without tests has test targets (above)" >&2
+        exit 1
+    fi
+    DESTDIR="$dir/stage" cmake --install "$dir" --prefix /usr/local >/dev/null
+    echo "package: installed into $dir/stage without any test dependency"
+}
+
 case "${1:-}" in
     setup) setup ;;
     demo)
@@ -68,13 +87,17 @@ case "${1:-}" in
         setup
         run_tests "${2:-plain}"
         ;;
+    package)
+        setup
+        package
+        ;;
     bench)
         setup
-        build "$root/build-bench" -DCMAKE_BUILD_TYPE=Release -DVRX_BUILD_BENCHMARKS=ON -DVRX_BUILD_TESTS=OFF
+        build "$root/build-bench" -DCMAKE_BUILD_TYPE=Release -DVRX_BUILD_BENCHMARKS=ON -DBUILD_TESTING=OFF
         for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
         ;;
     *)
-        sed -n '2,11p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        sed -n '2,13p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
         exit 2
         ;;
 esac

@@ -1,5 +1,6 @@
-// A producer: streams one second of 48 kHz stereo 16-bit PCM in 10 ms frames to every receiver
-// that connects to the sidechannel address "vrx-example-sender", then shuts down.
+// A producer: streams two seconds of 48 kHz stereo 16-bit PCM in 10 ms frames to every
+// receiver that connects to the sidechannel address "vrx-example-sender" (receiver_example.cpp
+// is one), then shuts down.
 #include <voraxis/VrxSender.h>
 
 #include <log4cplus/configurator.h>
@@ -8,20 +9,22 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
-#include <unistd.h>
+
+#include <sys/stat.h>
 
 int main()
 {
     log4cplus::Initializer logging; // the library logs, the application configures
     log4cplus::BasicConfigurator::doConfigure();
 
-    // The sender makes its directory under $TMPDIR (default /tmp/vrx) but never creates that
-    // parent. This example brings its own, so that it runs anywhere; receivers of a real
-    // producer must be started with the same TMPDIR.
-    char parent[] = "/tmp/vrx-example-XXXXXX";
-    if (mkdtemp(parent) == nullptr || setenv("TMPDIR", parent, 1) != 0)
-        return 1;
+    // The sender makes its directory under $TMPDIR (default /tmp/vrx), where receivers watch
+    // for it, but never creates that parent: like /tmp, it is shared by every user.
+    const char* tmpdir = std::getenv("TMPDIR");
+    const std::string parent = tmpdir != nullptr ? tmpdir : "/tmp/vrx";
+    if (mkdir(parent.c_str(), 01777) == 0)
+        chmod(parent.c_str(), 01777); // the umask narrows mkdir's mode
 
     vrx::PcmPayloader payloader; // must outlive the sender's use of it
     payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
@@ -35,7 +38,7 @@ int main()
     const vrx::Buffer samples(480 * 2 * 2, 0); // 10 ms of silence
     const miscUtils::TimeValue frameDuration = 10'000'000;
     auto due = std::chrono::steady_clock::now();
-    for (int frame = 0; frame < 100; ++frame)
+    for (int frame = 0; frame < 200; ++frame)
     {
         // Stamped on the monotonic clock that the sender announced; never blocks on receivers.
         sender.sendMediaData(miscUtils::getMonotonicSysclockTime(), frameDuration, samples);
@@ -43,7 +46,6 @@ int main()
     }
 
     sender.shutdownSender(); // removes the sender's directory
-    rmdir(parent);
-    std::puts("sent 100 frames of 10 ms");
+    std::puts("sent 200 frames of 10 ms");
     return 0;
 }

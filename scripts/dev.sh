@@ -81,7 +81,12 @@ case "${1:-}" in
         setup
         build "$root/build"
         "$root/build/examples/vrx_packet_roundtrip"
+        # A consumer waiting for its producer, then the producer: it connects as soon as the
+        # sender appears.
+        "$root/build/examples/vrx_receiver_example" &
+        sleep 0.5
         "$root/build/examples/vrx_sender_example"
+        wait
         ;;
     test)
         setup

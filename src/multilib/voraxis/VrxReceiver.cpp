@@ -355,16 +355,17 @@ bool Receiver::handleConnectingState()
 
 void Receiver::waitBeforeRetry()
 {
+    // A sender that appeared since the last wait (or before the receiver started) is retried
+    // quickly: it creates its directory a moment before it listens. Taking the flag here,
+    // rather than clearing it, loses no sign of a sender that came between attempt and wait.
     const auto now = std::chrono::steady_clock::now();
+    if (m_senderAppeared.exchange(false))
+        m_quickRetriesUntil = now + quickRetryPeriod;
     const auto delay = now < m_quickRetriesUntil ? quickRetryDelay : retryDelay;
     LOG4CPLUS_TRACE(logger, "Could not connect to VRX sender; retrying in "
                                 << std::chrono::milliseconds(delay).count() << " ms");
-    m_senderAppeared = false;
     std::unique_lock lock(m_mutex);
-    m_conditionVariable.wait_until(lock, now + delay,
-                                   [this] { return m_senderAppeared || !m_threadRunning; });
-    if (m_senderAppeared)
-        m_quickRetriesUntil = std::chrono::steady_clock::now() + quickRetryPeriod;
+    m_conditionVariable.wait_until(lock, now + delay, [this] { return m_senderAppeared || !m_threadRunning; });
 }
 
 Receiver::ConnectionRetval Receiver::connectSidechannel()

@@ -48,7 +48,8 @@ namespace vrx {
 ///   afresh.
 /// - A sender creates its directory a moment before it listens on its socket; after a sender
 ///   appeared, failed attempts are retried every 2 ms for 100 ms before the 400 ms period
-///   resumes, so that the receiver connects within milliseconds of the sender.
+///   resumes, so that the receiver connects within milliseconds of the sender. A sender that
+///   appears between an attempt and the following wait is not missed either.
 class VRX_EXPORT Receiver
 {
 public:
@@ -208,7 +209,7 @@ private:
     mutable std::mutex m_mutex;
     std::thread m_thread;
     std::condition_variable m_conditionVariable;
-    // Set by the directory monitor without the lock, cleared by the receiver thread.
+    // Set by the directory monitor without the lock, taken by the receiver thread's retry wait.
     std::atomic<bool> m_senderAppeared{false};
     // End of the quick retries after a sender appeared; receiver thread only.
     std::chrono::steady_clock::time_point m_quickRetriesUntil{};

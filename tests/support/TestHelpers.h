@@ -1,18 +1,25 @@
 #pragma once
 
-// Small helpers every suite shares: packet bytes from literals, waiting for a condition, and
-// the process's own threads and descriptors for checking that shut-down leaves nothing behind.
+// What every suite shares: packet bytes from literals, waiting for a condition, the text of a
+// failed assertion, a scratch TMPDIR with socket addresses of its own, the threads and
+// descriptors of the process (for checking that shut-down leaves nothing behind), and the log.
 
 #include <voraxis/SideChannel.h>
 
+#include <log4cplus/callbackappender.h>
+#include <log4cplus/logger.h>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstddef>
-#include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <regex>
+#include <thread>
 
 namespace vrx::test {
 
@@ -21,29 +28,114 @@ using namespace std::chrono_literals;
 /// Generous: machines running the suite are shared and noisy.
 inline constexpr std::chrono::milliseconds conditionDeadline = 30s;
 
-/// Packet bytes written as a string literal ("\x01\x00" "ab"sv ...); embedded 0 bytes are kept.
-Buffer bytes(std::string_view text);
+/// Owners of descriptors, directories or registrations are not copied: a copy would release twice.
+class NonCopyable
+{
+public:
+    NonCopyable() = default;
+    NonCopyable(const NonCopyable&) = delete;
+    NonCopyable& operator=(const NonCopyable&) = delete;
+};
 
-/// Polls `condition` until it holds or the deadline passes; the result is its last value.
-bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline = conditionDeadline);
+/// Packet bytes written as a string literal ("\x01\x00xy"sv); embedded 0 bytes are kept.
+inline Buffer bytes(std::string_view text)
+{
+    return Buffer(text.begin(), text.end());
+}
 
-/// Open descriptors of this process as "number -> target", sorted.
-std::vector<std::string> openDescriptors();
+/// Polls `condition` until it holds (true) or the deadline passes (false).
+inline bool waitFor(const std::function<bool()>& condition,
+                    std::chrono::milliseconds deadline = conditionDeadline)
+{
+    for (const auto end = std::chrono::steady_clock::now() + deadline; !condition();
+         std::this_thread::sleep_for(1ms))
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+    return true;
+}
 
-/// What this process holds: its open descriptors and its threads' ids, each sorted.
+/// Matches what a failed MISCUTILS_ASSERT prints for exactly `expression` (the closing quote is
+/// part of it, so a longer expression does not match) in the function `signature`.
+inline auto assertionFailure(const std::string& expression, const std::string& signature)
+{
+    return ::testing::AllOf(::testing::HasSubstr("Assertion \"" + expression + "\" failed in "),
+                            ::testing::HasSubstr(signature));
+}
+
+/// errno as the library logs it: the system's text, then the number in parentheses.
+inline std::string errnoText(int errorNumber)
+{
+    return std::strerror(errorNumber) + (" (" + std::to_string(errorNumber) + ")");
+}
+
+/// A directory of its own under /tmp that TMPDIR names while the object lives; removed with
+/// its content at the end. A death test's child runs its test again from the start and dies
+/// without cleaning up: it finds the parent's directory in the environment and works there,
+/// so that the parent removes what the child leaves.
+class ScratchTmpdir : NonCopyable
+{
+public:
+    ScratchTmpdir() : m_owned(std::getenv("VRX_TEST_SCRATCH") == nullptr)
+    {
+        m_path = m_owned ? "/tmp/vrx-test-XXXXXX" : std::getenv("VRX_TEST_SCRATCH");
+        if (m_owned &&
+            (mkdtemp(m_path.data()) == nullptr || setenv("VRX_TEST_SCRATCH", m_path.c_str(), 1) != 0))
+            throw std::runtime_error("cannot create a scratch directory");
+        setTmpdir(m_path.c_str());
+    }
+    ~ScratchTmpdir()
+    {
+        setTmpdir(m_previousTmpdir ? m_previousTmpdir->c_str() : nullptr);
+        std::error_code ignored;
+        if (m_owned && unsetenv("VRX_TEST_SCRATCH") == 0)
+            std::filesystem::remove_all(m_path, ignored);
+    }
+    const std::string& path() const { return m_path; }
+    /// Points TMPDIR elsewhere (nullptr unsets it) until the object goes.
+    void setTmpdir(const char* value) const { value ? setenv("TMPDIR", value, 1) : unsetenv("TMPDIR"); }
+
+private:
+    const bool m_owned;
+    std::string m_path;
+    const std::optional<std::string> m_previousTmpdir =
+        std::getenv("TMPDIR") ? std::optional<std::string>(std::getenv("TMPDIR")) : std::nullopt;
+};
+
+/// An abstract socket address that no other test, in this process or another, uses.
+inline std::string uniqueSocketAddress()
+{
+    static std::atomic<unsigned int> counter{0};
+    return "vrx-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+}
+
+/// What this process holds: its open descriptors ("number -> target") and its threads' ids,
+/// each sorted; without the descriptor of the listing itself.
 struct ProcessResources
 {
-    std::vector<std::string> descriptors;
-    std::vector<std::string> threads;
+    std::vector<std::string> descriptors, threads;
 };
-ProcessResources processResources();
+inline ProcessResources processResources()
+{
+    const std::filesystem::path self = "/proc/" + std::to_string(getpid()) + "/fd";
+    ProcessResources resources;
+    for (const auto& [directory, entries] :
+         {std::pair{self, &resources.descriptors}, {"/proc/self/task", &resources.threads}})
+    {
+        std::error_code error; // entries may go while they are listed
+        for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+            if (const std::filesystem::path target = std::filesystem::read_symlink(entry, error);
+                target != self)
+                entries->push_back(entry.path().filename().string() + " -> " + target.string());
+        std::sort(entries->begin(), entries->end());
+    }
+    return resources;
+}
 
 /// How many threads and descriptors a check allows beyond a baseline; `anyCount` skips one.
 inline constexpr std::size_t anyCount = static_cast<std::size_t>(-1);
 struct Extra
 {
-    std::size_t threads = 0;
-    std::size_t descriptors = 0;
+    std::size_t threads = 0, descriptors = 0;
 };
 
 /// Waits, bounded, until the process holds exactly `extra` beyond `baseline` (entries of the
@@ -51,6 +143,99 @@ struct Extra
 /// does not happen. Waiting matters: a joined thread's task entry can stay listed for a moment
 /// after the join, so a count taken at once races the kernel.
 /// `EXPECT_TRUE(settlesAt(baseline));`, `EXPECT_TRUE(settlesAt(baseline, {.threads = 1}));`
-::testing::AssertionResult settlesAt(const ProcessResources& baseline, Extra extra = {});
+inline ::testing::AssertionResult settlesAt(const ProcessResources& baseline, Extra extra = {})
+{
+    ProcessResources added;
+    const auto holds = [](std::size_t count, std::size_t wanted) {
+        return wanted == anyCount || count == wanted;
+    };
+    const bool settled = waitFor(
+        [&] {
+            const ProcessResources now = processResources();
+            added = {};
+            std::ranges::set_difference(now.descriptors, baseline.descriptors,
+                                        std::back_inserter(added.descriptors));
+            std::ranges::set_difference(now.threads, baseline.threads, std::back_inserter(added.threads));
+            return holds(added.threads.size(), extra.threads) &&
+                   holds(added.descriptors.size(), extra.descriptors);
+        },
+        10s);
+    return settled ? ::testing::AssertionSuccess()
+                   : ::testing::AssertionFailure()
+                         << "held beyond the baseline: threads " << ::testing::PrintToString(added.threads)
+                         << ", descriptors " << ::testing::PrintToString(added.descriptors);
+}
+
+/// Logged events, each as its level (as log4cplus names it: "TRACE", "DEBUG", "ERROR", ...), a
+/// blank, and its text.
+using LogLines = std::vector<std::string>;
+
+/// Records every event of the "Voraxis" logger, at every level, while it lives. Descriptor
+/// numbers and the random part of sender directory names change from run to run: the lines
+/// show them as "FD #" and "VrxSender-XXXXXX", so that a test can spell out what it expects.
+class LogCapture : NonCopyable
+{
+public:
+    LogCapture()
+    {
+        m_logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+        m_logger.setAdditivity(false);
+        log4cplus::SharedAppenderPtr appender(new log4cplus::CallbackAppender(
+            [](void* self, const char* text, const char*, int level, const char*, const char*,
+               unsigned long long, unsigned long, const char*, const char*, int) {
+                static const std::regex descriptor("(FD:? )[0-9]+"), directory("(VrxSender-)[A-Za-z0-9]{6}");
+                const std::string line = log4cplus::getLogLevelManager().toString(level) + " " + text;
+                auto& capture = *static_cast<LogCapture*>(self);
+                const std::lock_guard lock(capture.m_mutex);
+                capture.m_lines.push_back(
+                    std::regex_replace(std::regex_replace(line, descriptor, "$1#"), directory, "$1XXXXXX"));
+            },
+            this));
+        appender->setName("vrx-test-capture");
+        m_logger.addAppender(appender);
+    }
+    ~LogCapture()
+    {
+        m_logger.removeAppender("vrx-test-capture");
+        m_logger.setLogLevel(m_previousLevel);
+        m_logger.setAdditivity(m_previousAdditivity);
+    }
+
+    /// The lines in the order they were logged; only those of `level` when it is given.
+    LogLines lines(std::string_view level = {}) const
+    {
+        const std::lock_guard lock(m_mutex);
+        LogLines result;
+        std::ranges::copy_if(m_lines, std::back_inserter(result),
+                             [&](auto& line) { return line.starts_with(level); });
+        return result;
+    }
+    /// How many lines read exactly `line` ("LEVEL text").
+    std::size_t count(const std::string& line) const { return std::ranges::count(lines(), line); }
+    /// Waits, bounded, until a line reads exactly `line`.
+    bool waitFor(const std::string& line) const
+    {
+        return test::waitFor([&] { return count(line) > 0; });
+    }
+    void clear()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_lines.clear();
+    }
+
+private:
+    log4cplus::Logger m_logger = log4cplus::Logger::getInstance("Voraxis");
+    const int m_previousLevel = m_logger.getLogLevel();
+    const bool m_previousAdditivity = m_logger.getAdditivity();
+    mutable std::mutex m_mutex;
+    LogLines m_lines;
+};
+
+/// Fixture for suites that check what the library logs.
+class LogCaptureTest : public ::testing::Test
+{
+protected:
+    LogCapture m_log;
+};
 
 } // namespace vrx::test

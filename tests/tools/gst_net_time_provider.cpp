@@ -1,13 +1,14 @@
 // The GStreamer framework's own network time provider, as a peer for the clock tests: it
 // serves a monotonic system clock calibrated OFFSET seconds (default 1000) ahead of
-// CLOCK_MONOTONIC on 127.0.0.1, prints the port it serves on as one line, and serves until its
-// standard input is closed.
+// CLOCK_MONOTONIC on 127.0.0.1, prints the port it serves on as one line, and serves until
+// the reader of its standard output goes away.
 //
 //   vrx_gst_net_time_provider [PORT [OFFSET_SECONDS]]      (port 0 or none: a free port)
 
 #include <gst/gst.h>
 #include <gst/net/net.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -36,8 +37,9 @@ int main(int argc, char** argv)
     std::printf("%d\n", port);
     std::fflush(stdout);
 
-    char buffer[256];
-    while (read(STDIN_FILENO, buffer, sizeof(buffer)) > 0)
+    // The write end of a pipe reports an error once nobody reads the other end any more.
+    pollfd output{STDOUT_FILENO, 0, 0};
+    while (poll(&output, 1, -1) == 0 || (output.revents & (POLLERR | POLLHUP)) == 0)
     {}
 
     gst_object_unref(provider);

@@ -1,14 +1,16 @@
 // The frame path must not allocate once the sender's packet buffer has grown to the largest
 // frame. Counting needs the global operator new of this executable, so this suite stands alone.
 
-#include "SenderTestSupport.h"
+#include "TestHelpers.h"
+
+#include <voraxis/VrxSender.h>
 
 #include <cstdlib>
 #include <new>
 
 namespace {
-// Only the test's own thread counts: the listener, nanomsg and logging threads allocate
-// on their own schedules.
+// Only the test's own thread counts: the listener, nanomsg and logging threads allocate on
+// their own schedules.
 thread_local bool countAllocations = false;
 thread_local std::size_t allocationCount = 0;
 } // namespace
@@ -36,31 +38,21 @@ namespace {
 
 TEST(SenderFramePath, SendsFramesWithoutAllocatingOnceItsBufferHasGrown)
 {
-    ScratchDirectory scratch;
-    ScopedEnvironmentVariable tmpdir("TMPDIR", scratch.path());
+    ScratchTmpdir scratch;
     PcmPayloader payloader;
-    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
     Sender sender;
-    ASSERT_TRUE(sender.initializeSender(uniqueSocketAddress("allocation"), "", "", 0,
+    ASSERT_TRUE(sender.initializeSender(uniqueSocketAddress(), "", "", 0,
                                         TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
-    const std::vector<std::string> directories = senderDirectories(scratch.path());
-    ASSERT_EQ(directories.size(), 1u);
-    NanomsgSocket subscriber(NanomsgSocket::Kind::Subscriber, nanomsgUriOf(directories.front()));
-    ASSERT_TRUE(subscriber.attached());
     sender.setCurrentPayloader(payloader);
     sender.startNewSequence();
 
-    const Buffer largest = mediaFrame(1);
-    const Buffer smaller(largest.size() / 2, 7);
+    const Buffer largest(1920, 1), smaller(960, 2);
     sender.sendMediaData(0, 10'000'000, largest);
-
     countAllocations = true;
     for (std::uint64_t frame = 1; frame <= 200; ++frame)
         sender.sendMediaData(frame, 10'000'000, frame % 2 == 0 ? largest : smaller);
     countAllocations = false;
-
     EXPECT_EQ(allocationCount, 0u);
-    sender.shutdownSender();
 }
 
 } // namespace

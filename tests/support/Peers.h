@@ -1,0 +1,211 @@
+#pragma once
+
+// The far ends a test drives the library with, on real sockets and in real processes: a
+// receiver's raw sidechannel client, a raw nanomsg socket, a raw UDP socket, and the GStreamer
+// framework's network time provider.
+
+#include "TestHelpers.h"
+
+#include <nanomsg/nn.h>
+#include <nanomsg/pipeline.h>
+#include <nanomsg/pubsub.h>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdio>
+#include <numeric>
+
+namespace vrx::test {
+
+/// Receives on `fd` wait at most `timeout` (0 would wait for ever, so it is 1 ms at least).
+inline void setReceiveTimeout(int fd, std::chrono::milliseconds timeout)
+{
+    const timeval value{timeout.count() / 1000, std::max<long>(timeout.count() % 1000 * 1000, 1000)};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value));
+}
+
+/// A receiver's end of the sidechannel: a plain Unix-domain stream client of an abstract address.
+/// Reads wait at most `conditionDeadline`.
+class SidechannelClient : NonCopyable
+{
+public:
+    /// Connects at once; see connected().
+    explicit SidechannelClient(const std::string& address)
+        : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un to{AF_UNIX, {}};
+        const std::size_t length = std::min(address.size(), sizeof(to.sun_path) - 1);
+        std::memcpy(to.sun_path + 1, address.data(), length); // abstract: behind a 0 byte
+        setReceiveTimeout(m_fd, conditionDeadline);
+        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&to), sizeof(sa_family_t) + 1 + length) < 0)
+            close();
+    }
+    ~SidechannelClient() { close(); }
+    bool connected() const { return m_fd >= 0; }
+    /// The payload of the next message, read as its 4 length bytes announce it; nothing when the
+    /// wait ends or the sender closes the connection first.
+    std::optional<Buffer> readMessage()
+    {
+        SidechannelMessageSize size{};
+        if (recv(m_fd, size.data(), size.size(), MSG_WAITALL) != static_cast<ssize_t>(size.size()))
+            return std::nullopt;
+        Buffer payload(parseSidechannelMessageSize(size));
+        if (!payload.empty() && // a stream socket waits even for 0 bytes
+            recv(m_fd, payload.data(), payload.size(), MSG_WAITALL) != static_cast<ssize_t>(payload.size()))
+            return std::nullopt;
+        return payload;
+    }
+    /// True when bytes wait to be read right now.
+    bool hasData() const
+    {
+        unsigned char byte;
+        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+    }
+    /// True when the sender closes its end; nothing else may arrive before.
+    bool waitForClose()
+    {
+        unsigned char byte;
+        return recv(m_fd, &byte, 1, 0) == 0;
+    }
+    void close()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+    }
+
+private:
+    int m_fd;
+};
+
+/// A raw nanomsg socket of `protocol` (NN_SUB, NN_PULL, NN_PUB or NN_PUSH): PULL and PUB bind
+/// the URI, SUB (subscribed to everything) and PUSH connect to it.
+class NanomsgPeer : NonCopyable
+{
+public:
+    NanomsgPeer(int protocol, const std::string& uri) : m_fd(nn_socket(AF_SP, protocol))
+    {
+        nn_setsockopt(m_fd, NN_SUB, NN_SUB_SUBSCRIBE, "", 0); // refused by the other protocols
+        (protocol == NN_PULL || protocol == NN_PUB ? nn_bind : nn_connect)(m_fd, uri.c_str());
+    }
+    ~NanomsgPeer() { nn_close(m_fd); }
+    bool send(const Buffer& packet) { return nn_send(m_fd, packet.data(), packet.size(), 0) >= 0; }
+    /// The next message, or nothing when none arrives within `timeout`.
+    std::optional<Buffer> receive(std::chrono::milliseconds timeout = conditionDeadline)
+    {
+        const int timeoutMs = static_cast<int>(timeout.count());
+        nn_setsockopt(m_fd, NN_SOL_SOCKET, NN_RCVTIMEO, &timeoutMs, sizeof(timeoutMs));
+        void* message = nullptr;
+        const int size = nn_recv(m_fd, &message, NN_MSG, 0);
+        if (size < 0)
+            return std::nullopt;
+        Buffer packet(static_cast<unsigned char*>(message), static_cast<unsigned char*>(message) + size);
+        nn_freemsg(message);
+        return packet;
+    }
+    /// A subscriber misses what is published before its subscription has reached the publisher,
+    /// and what its pipe cannot take at once: repeats `send` until a message that `accept` takes
+    /// arrives (others are skipped, whatever queued from earlier sends first) or the deadline passes.
+    std::optional<Buffer> receiveWhileSending(const std::function<void()>& send,
+                                              const std::function<bool(const Buffer&)>& accept)
+    {
+        for (const auto end = std::chrono::steady_clock::now() + conditionDeadline;
+             std::chrono::steady_clock::now() < end;)
+        {
+            send();
+            while (const std::optional<Buffer> packet = receive(200ms))
+                if (accept(*packet))
+                    return packet;
+        }
+        return std::nullopt;
+    }
+
+private:
+    int m_fd;
+};
+
+/// A UDP socket on 127.0.0.1 at a free port.
+class UdpPeer : NonCopyable
+{
+public:
+    UdpPeer()
+    {
+        socklen_t length = sizeof(m_address);
+        bind(m_fd, reinterpret_cast<const sockaddr*>(&m_address), length);
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &length);
+    }
+    ~UdpPeer() { close(m_fd); }
+    unsigned int port() const { return ntohs(m_address.sin_port); }
+    /// To 127.0.0.1 at `port`; with port 0 back to the sender of the last datagram received.
+    void send(const Buffer& datagram, unsigned int port = 0)
+    {
+        sockaddr_in to = m_address;
+        to.sin_port = port != 0 ? htons(static_cast<std::uint16_t>(port)) : m_lastSender.sin_port;
+        sendto(m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    }
+    std::optional<Buffer> receive(std::chrono::milliseconds timeout = 5s)
+    {
+        Buffer datagram(2048);
+        socklen_t length = sizeof(m_lastSender);
+        setReceiveTimeout(m_fd, timeout);
+        const ssize_t received = recvfrom(m_fd, datagram.data(), datagram.size(), 0,
+                                          reinterpret_cast<sockaddr*>(&m_lastSender), &length);
+        datagram.resize(static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
+        return received >= 0 ? std::optional(datagram) : std::nullopt;
+    }
+
+private:
+    int m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in m_address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}}, m_lastSender{};
+};
+
+/// A datagram of the network clock protocol: two 64-bit values, big-endian; and one value read back.
+inline Buffer netTimeDatagram(std::uint64_t first, std::uint64_t second)
+{
+    Buffer datagram;
+    for (const std::uint64_t value : {first, second})
+        for (int shift = 56; shift >= 0; shift -= 8)
+            datagram.push_back(static_cast<unsigned char>(value >> shift));
+    return datagram;
+}
+inline std::uint64_t bigEndianAt(const Buffer& bytes, std::size_t offset)
+{
+    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+    return std::accumulate(begin, begin + 8, std::uint64_t{0},
+                           [](auto value, unsigned char byte) { return value << 8 | byte; });
+}
+
+/// The GStreamer framework's own network time provider (tests/tools/gst_net_time_provider.cpp)
+/// in a child process, serving its monotonic clock `offsetSeconds` ahead on 127.0.0.1. It
+/// prints the port it serves on, then serves until nobody reads what it prints.
+class FrameworkTimeProvider : NonCopyable
+{
+public:
+    /// Port 0 picks a free one; port() is 0 when the provider did not come up.
+    explicit FrameworkTimeProvider(unsigned int port = 0, long long offsetSeconds = 1000)
+        : m_output(popen(
+              (VRX_GST_NET_TIME_PROVIDER " " + std::to_string(port) + " " + std::to_string(offsetSeconds))
+                  .c_str(),
+              "r"))
+    {
+        char line[16] = {};
+        m_port = m_output != nullptr && std::fgets(line, sizeof(line), m_output) ? std::atoi(line) : 0;
+    }
+    ~FrameworkTimeProvider() { stop(); }
+    unsigned int port() const { return m_port; }
+    /// Ends the provider and waits for it.
+    void stop()
+    {
+        if (m_output != nullptr)
+            pclose(m_output);
+        m_output = nullptr;
+    }
+
+private:
+    std::FILE* m_output;
+    unsigned int m_port;
+};
+
+} // namespace vrx::test

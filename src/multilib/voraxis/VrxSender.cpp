@@ -416,17 +416,18 @@ void Sender::sendDataOverClientConnection(int fd, const ByteSpan& data)
     LOG4CPLUS_TRACE(logger,
                     "Sending message with " << data.size() << " bytes over client connection with FD " << fd);
 
-    // Never wait for a slow receiver: the caller holds m_mutex.
+    // Never wait for a slow receiver (the caller holds m_mutex), and never let a receiver that
+    // has just gone end the producer through SIGPIPE.
     const SidechannelMessageSize messageSize =
         produceSidechannelMessageSize(static_cast<std::uint32_t>(data.size()));
-    if (send(fd, messageSize.data(), messageSize.size(), MSG_DONTWAIT) < 0)
+    if (send(fd, messageSize.data(), messageSize.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not send message size to client connection with FD "
                                     << fd << ": " << ErrnoText{error});
         return;
     }
-    if (send(fd, data.data(), data.size(), MSG_DONTWAIT) < 0)
+    if (send(fd, data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not send message payload to client connection with FD "

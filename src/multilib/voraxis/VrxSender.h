@@ -26,7 +26,8 @@ namespace vrx {
 ///
 /// One producer thread calls setCurrentPayloader, startNewSequence and sendMediaData;
 /// disableSend may be called from any thread. Sends never queue: a frame that the main channel
-/// cannot take at once is dropped for that receiver.
+/// cannot take at once is dropped for that receiver. A receiver that goes away while it is
+/// greeted never raises SIGPIPE in the producer.
 class VRX_EXPORT Sender
 {
 public:

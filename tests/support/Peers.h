@@ -1,8 +1,8 @@
 #pragma once
 
 // The far ends a test drives the library with, on real sockets and in real processes: a
-// receiver's raw sidechannel client, a raw nanomsg socket, a raw UDP socket, and the GStreamer
-// framework's network time provider.
+// receiver's raw sidechannel client, a raw nanomsg socket, a fake sender, a raw UDP socket, and
+// the GStreamer framework's network time provider.
 
 #include "TestHelpers.h"
 
@@ -11,10 +11,14 @@
 #include <nanomsg/pubsub.h>
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 #include <cstdio>
+#include <memory>
 #include <numeric>
 
 namespace vrx::test {
@@ -88,6 +92,8 @@ public:
     NanomsgPeer(int protocol, const std::string& uri) : m_fd(nn_socket(AF_SP, protocol))
     {
         nn_setsockopt(m_fd, NN_SUB, NN_SUB_SUBSCRIBE, "", 0); // refused by the other protocols
+        const int sendTimeoutMs = static_cast<int>(conditionDeadline.count()); // a PUSH waits for its peer
+        nn_setsockopt(m_fd, NN_SOL_SOCKET, NN_SNDTIMEO, &sendTimeoutMs, sizeof(sendTimeoutMs));
         (protocol == NN_PULL || protocol == NN_PUB ? nn_bind : nn_connect)(m_fd, uri.c_str());
     }
     ~NanomsgPeer() { nn_close(m_fd); }
@@ -124,6 +130,128 @@ public:
 
 private:
     int m_fd;
+};
+
+/// Test code speaking a sender's wire format, for what a real sender would not send: it listens
+/// on an abstract address, writes whatever bytes a test gives on the connection it accepts, and
+/// pushes packets to a receiver that binds the pipeline channel its greeting names, so that
+/// every packet arrives, in order.
+class FakeSender : NonCopyable
+{
+public:
+    FakeSender(const std::string& address, const std::string& directory)
+        : m_uri("ipc://" + directory + "/fake.ipc")
+    {
+        sockaddr_un at{AF_UNIX, {}};
+        std::memcpy(at.sun_path + 1, address.data(), std::min(address.size(), sizeof(at.sun_path) - 1));
+        const auto size = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + address.size());
+        if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 || listen(m_listener, 4) < 0)
+            throw std::runtime_error("the fake sender cannot listen");
+    }
+    ~FakeSender()
+    {
+        disconnect();
+        ::close(m_listener);
+    }
+    const std::string& uri() const { return m_uri; }
+    /// The greeting of a sender with the monotonic clock whose main channel is this fake's.
+    Buffer greeting(NanomsgProtocol protocol = NanomsgProtocol::Pipeline) const
+    {
+        return produceInitialInfoPacket({1, "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol, m_uri});
+    }
+    /// Takes the receiver's next connection (dropping the last one); false when none comes in time.
+    bool accept()
+    {
+        disconnect();
+        pollfd listener{m_listener, POLLIN, 0};
+        if (poll(&listener, 1, static_cast<int>(conditionDeadline.count())) == 1)
+            m_connection = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        return m_connection >= 0;
+    }
+    /// Writes `bytes` on the connection, `chunk` at a time, calling `betweenChunks` after each.
+    bool write(const Buffer& bytes, std::size_t chunk = SIZE_MAX,
+               const std::function<void()>& betweenChunks = {})
+    {
+        for (std::size_t offset = 0; offset < bytes.size(); offset += chunk)
+        {
+            const std::size_t size = std::min(chunk, bytes.size() - offset);
+            if (::write(m_connection, bytes.data() + offset, size) != static_cast<ssize_t>(size))
+                return false;
+            if (betweenChunks)
+                betweenChunks();
+        }
+        return true;
+    }
+    /// One sidechannel message: 4 length bytes, then `payload`.
+    bool send(const Buffer& payload)
+    {
+        const SidechannelMessageSize size =
+            produceSidechannelMessageSize(static_cast<std::uint32_t>(payload.size()));
+        Buffer message(size.begin(), size.end());
+        message.insert(message.end(), payload.begin(), payload.end());
+        return write(message);
+    }
+    /// Over the main channel; waits, bounded, until the receiver's socket takes the packet.
+    bool push(const Buffer& packet)
+    {
+        if (!m_pusher)
+            m_pusher = std::make_unique<NanomsgPeer>(NN_PUSH, m_uri);
+        return m_pusher->send(packet);
+    }
+    /// Closes the connection and the main channel: the receiver sees its sender gone.
+    void disconnect()
+    {
+        m_pusher.reset();
+        if (m_connection >= 0)
+            ::close(m_connection);
+        m_connection = -1;
+    }
+
+private:
+    const std::string m_uri;
+    const int m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int m_connection = -1;
+    std::unique_ptr<NanomsgPeer> m_pusher;
+};
+
+/// A frame whose duration and media follow from its timestamp, so that a receiver's test can
+/// check every frame it gets, whoever sent it.
+inline std::uint64_t durationOf(std::uint64_t timestamp)
+{
+    return 10'000'000 + timestamp;
+}
+inline Buffer mediaOf(std::uint64_t timestamp)
+{
+    Buffer media(1920); // 10 ms of 48 kHz stereo S16LE
+    std::iota(media.begin(), media.end(), static_cast<unsigned char>(timestamp * 7));
+    return media;
+}
+
+/// A program of this build in a process of its own; killed and reaped at the end.
+class ChildProcess : NonCopyable
+{
+public:
+    explicit ChildProcess(std::vector<std::string> arguments)
+    {
+        std::vector<char*> argv;
+        for (std::string& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+            m_pid = -1;
+    }
+    ~ChildProcess() { stop(SIGKILL); }
+    pid_t pid() const { return m_pid; }
+    /// Sends `signal` and waits for the process to end.
+    void stop(int signal)
+    {
+        if (m_pid > 0 && ::kill(m_pid, signal) == 0)
+            waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+private:
+    pid_t m_pid = -1;
 };
 
 /// A UDP socket on 127.0.0.1 at a free port.

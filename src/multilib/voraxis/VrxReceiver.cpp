@@ -294,6 +294,7 @@ void Receiver::resetConnectionStates()
     m_initialInfo = InitialInfo{};
     m_currentSequenceNr = 0;
     m_receiverIsReadyReported = false;
+    m_announcedDepayloader = nullptr;
     m_connectingState = ConnectingState::ConnectingSidechannel;
     m_depayloaderList.reset();
 }
@@ -312,6 +313,7 @@ bool Receiver::handleConnectingState()
         {
         case ConnectionRetval::Success:
             LOG4CPLUS_DEBUG(logger, "Sidechannel to VRX sender established");
+            m_senderAppeared = false; // whatever appeared meanwhile, this is the sender
             m_connectingState = ConnectingState::WaitingForInitialInfo;
             return true;
         case ConnectionRetval::Retry: waitBeforeRetry(); return true;
@@ -365,7 +367,8 @@ void Receiver::waitBeforeRetry()
     LOG4CPLUS_TRACE(logger, "Could not connect to VRX sender; retrying in "
                                 << std::chrono::milliseconds(delay).count() << " ms");
     std::unique_lock lock(m_mutex);
-    m_conditionVariable.wait_until(lock, now + delay, [this] { return m_senderAppeared || !m_threadRunning; });
+    m_conditionVariable.wait_until(lock, now + delay,
+                                   [this] { return m_senderAppeared || !m_threadRunning; });
 }
 
 Receiver::ConnectionRetval Receiver::connectSidechannel()
@@ -713,7 +716,7 @@ bool Receiver::listenForInput()
             return true;
         }
         // On the data channel a missing depayloader costs only the stream.
-        switch (consumePacket(packet))
+        switch (m_depayloaderList.consumePacket(packet))
         {
         case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
             LOG4CPLUS_WARN(
@@ -759,7 +762,7 @@ bool Receiver::listenForInput()
             return true;
         }
         // On the control channel a missing depayloader ends the connection.
-        const DepayloaderList::ConsumePacketRetcode result = consumePacket(packet);
+        const DepayloaderList::ConsumePacketRetcode result = m_depayloaderList.consumePacket(packet);
         const PacketType packetType = m_depayloaderList.getCurrentPacketType();
         LOG4CPLUS_TRACE(logger, "Received sidechannel VRX packet with "
                                     << packet.size() << " byte(s); type: " << toString(packetType));
@@ -832,16 +835,6 @@ bool Receiver::isSequenceNrTooOld(unsigned short sequenceNr) const
     return sequenceNr < m_currentSequenceNr;
 }
 
-DepayloaderList::ConsumePacketRetcode Receiver::consumePacket(const ByteSpan& packet)
-{
-    // A SequenceInfo selects the current depayloader, which the clock's thread reads when it
-    // reports readiness.
-    if (parsePacketType(packet) != PacketType::SequenceInfo)
-        return m_depayloaderList.consumePacket(packet);
-    std::lock_guard lock(m_mutex);
-    return m_depayloaderList.consumePacket(packet);
-}
-
 bool Receiver::handleSequenceInfoPacket()
 {
     Depayloader* depayloader = m_depayloaderList.getCurrentDepayloader();
@@ -853,6 +846,12 @@ bool Receiver::handleSequenceInfoPacket()
     }
     if (m_newSequenceCallback)
         m_newSequenceCallback(*depayloader);
+    {
+        // From now on the clock's thread may report readiness too: never before the
+        // application has heard of the sequence.
+        std::lock_guard lock(m_mutex);
+        m_announcedDepayloader = depayloader;
+    }
     reportReceiverIsReady(ReadinessReporter::ReceiverThread);
     return true;
 }
@@ -933,7 +932,7 @@ void Receiver::reportReceiverIsReady(ReadinessReporter reporter)
         MISCUTILS_ASSERT(m_state == State::Running);
         if (m_receiverIsReadyReported)
             return;
-        depayloader = m_depayloaderList.getCurrentDepayloader();
+        depayloader = m_announcedDepayloader;
         if (depayloader == nullptr)
         {
             LOG4CPLUS_DEBUG(logger, "VRX payloader not available yet; cannot report stream as ready");

@@ -176,7 +176,6 @@ private:
     bool listenForInput();
     bool shouldPacketBeKept(const ByteSpan& packet);
     bool isSequenceNrTooOld(unsigned short sequenceNr) const;
-    DepayloaderList::ConsumePacketRetcode consumePacket(const ByteSpan& packet);
     bool handleSequenceInfoPacket();
     void handleFramePacket();
 
@@ -216,6 +215,8 @@ private:
     std::thread m_fsMonitorThread;
     // Readiness is claimed under m_mutex: the receiver thread and the clock's thread both report.
     bool m_receiverIsReadyReported = false;
+    // The depayloader of the latest sequence the application was told of; m_mutex.
+    Depayloader* m_announcedDepayloader = nullptr;
     ReceiverIsReadyCallback m_receiverIsReadyCallback;
     StateChangedCallback m_stateChangedCallback;
     ConnectionAttemptFailedCallback m_connectionAttemptFailedCallback;

@@ -168,28 +168,24 @@ public:
             m_connection = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
         return m_connection >= 0;
     }
-    /// Writes `bytes` on the connection, `chunk` at a time, calling `betweenChunks` after each.
-    bool write(const Buffer& bytes, std::size_t chunk = SIZE_MAX,
-               const std::function<void()>& betweenChunks = {})
-    {
-        for (std::size_t offset = 0; offset < bytes.size(); offset += chunk)
-        {
-            const std::size_t size = std::min(chunk, bytes.size() - offset);
-            if (::write(m_connection, bytes.data() + offset, size) != static_cast<ssize_t>(size))
-                return false;
-            if (betweenChunks)
-                betweenChunks();
-        }
-        return true;
-    }
-    /// One sidechannel message: 4 length bytes, then `payload`.
-    bool send(const Buffer& payload)
+    /// One sidechannel message (4 length bytes, then `payload`), written `chunk` bytes at a time,
+    /// with `betweenChunks` called after each.
+    bool send(const Buffer& payload, std::size_t chunk = SIZE_MAX,
+              const std::function<void()>& betweenChunks = {})
     {
         const SidechannelMessageSize size =
             produceSidechannelMessageSize(static_cast<std::uint32_t>(payload.size()));
         Buffer message(size.begin(), size.end());
         message.insert(message.end(), payload.begin(), payload.end());
-        return write(message);
+        for (std::size_t offset = 0; offset < message.size(); offset += chunk)
+        {
+            const std::size_t length = std::min(chunk, message.size() - offset);
+            if (::write(m_connection, message.data() + offset, length) != static_cast<ssize_t>(length))
+                return false;
+            if (betweenChunks)
+                betweenChunks();
+        }
+        return true;
     }
     /// Over the main channel; waits, bounded, until the receiver's socket takes the packet.
     bool push(const Buffer& packet)

@@ -713,7 +713,7 @@ bool Receiver::listenForInput()
         if (!shouldPacketBeKept(packet))
         {
             LOG4CPLUS_TRACE(logger, "Dropping received nanomsg VRX packet with " << size << " byte(s)");
-            return true;
+            return !missedSequenceInfo(packet);
         }
         // On the data channel a missing depayloader costs only the stream.
         switch (m_depayloaderList.consumePacket(packet))
@@ -823,6 +823,20 @@ bool Receiver::shouldPacketBeKept(const ByteSpan& packet)
                         "setting sequence nr " << sequenceNr << " of SequenceInfo packet as new current one");
         m_currentSequenceNr = sequenceNr;
     }
+    return true;
+}
+
+bool Receiver::missedSequenceInfo(const ByteSpan& droppedPacket) const
+{
+    // A frame of a newer sequence than the current one: its SequenceInfo was published while
+    // this receiver could not take it (not subscribed yet, or its pipe full), and no other
+    // announcement of it will come. A new connection is greeted with the current one.
+    const std::uint16_t sequenceNr = parsePacketSequenceNr(droppedPacket);
+    if (parsePacketType(droppedPacket) != PacketType::Frame || sequenceNr == m_currentSequenceNr ||
+        isSequenceNrTooOld(sequenceNr))
+        return false;
+    LOG4CPLUS_WARN(logger, "Missed the SequenceInfo packet of sequence nr "
+                               << sequenceNr << "; reconnecting to be greeted with it");
     return true;
 }
 

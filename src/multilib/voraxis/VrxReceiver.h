@@ -50,6 +50,11 @@ namespace vrx {
 ///   appeared, failed attempts are retried every 2 ms for 100 ms before the 400 ms period
 ///   resumes, so that the receiver connects within milliseconds of the sender. A sender that
 ///   appears between an attempt and the following wait is not missed either.
+/// - A missed announcement is recovered: a sender publishes a new sequence's SequenceInfo once,
+///   on the main channel, which drops it for a receiver that is not subscribed yet (it connected
+///   just before the sequence started) or whose pipe is full. Frames of a newer sequence than
+///   the current one are then dropped as always, and the receiver reconnects, since the greeting
+///   of a new connection carries the current sequence.
 class VRX_EXPORT Receiver
 {
 public:
@@ -176,6 +181,7 @@ private:
     bool listenForInput();
     bool shouldPacketBeKept(const ByteSpan& packet);
     bool isSequenceNrTooOld(unsigned short sequenceNr) const;
+    bool missedSequenceInfo(const ByteSpan& droppedPacket) const;
     bool handleSequenceInfoPacket();
     void handleFramePacket();
 

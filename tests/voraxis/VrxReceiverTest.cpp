@@ -19,19 +19,20 @@ using ClockType = Receiver::StreamClockType;
 
 const std::string sequence48k = "sequence 48000 2 S16LE", readyMonotonic = "ready monotonic system clock";
 
-/// What the application sees: one event per callback, in order ("state running", "sequence
+/// What the application saw: one event per callback, in order ("state running", "sequence
 /// 48000 2 S16LE", "ready no clock", "failed"; "@caller" marks one that ran on the thread that
-/// attached the recorder), and the timestamps of the frames, each checked against what the
-/// frame scheme says it carries.
+/// attached the recorder), and the timestamps of the frames, each checked against what the frame
+/// scheme says it carries. A connection rebuilt before it saw a sequence (it came just before its
+/// sender started the first one and missed the announcement) is left out of the events.
+struct Seen
+{
+    LogLines events;
+    std::vector<std::uint64_t> frames;
+    bool intact = true; // every frame was one that was sent, whole, and came after the one before
+};
+
 class Callbacks : NonCopyable
 {
-    template <typename Function>
-    auto locked(const Function& function) const
-    {
-        const std::lock_guard lock(m_mutex);
-        return function();
-    }
-
 public:
     void attach(Receiver& receiver, PcmDepayloader& depayloader)
     {
@@ -51,55 +52,43 @@ public:
         receiver.setMediaDataCallback([this](unsigned long long timestamp, unsigned long long duration,
                                              const std::vector<unsigned char>& media) {
             const std::lock_guard lock(m_mutex);
-            m_intact = m_intact && duration == durationOf(timestamp) && media == mediaOf(timestamp) &&
-                       (m_frames.empty() || timestamp > m_frames.back());
-            m_frames.push_back(timestamp);
+            m_seen.intact = m_seen.intact && duration == durationOf(timestamp) &&
+                            media == mediaOf(timestamp) &&
+                            (m_seen.frames.empty() || timestamp > m_seen.frames.back());
+            m_seen.frames.push_back(timestamp);
         });
     }
-    /// A connection rebuilt before it saw a sequence (it came just before its sender started the
-    /// first one and missed the announcement) is left out.
-    LogLines events() const
+    Seen seen() const
     {
-        LogLines events = locked([this] { return m_events; });
+        const std::lock_guard lock(m_mutex);
+        Seen seen = m_seen;
         const LogLines rebuilt{"state running", "state connecting"};
-        for (auto at = std::ranges::search(events, rebuilt); !at.empty();
-             at = std::ranges::search(events, rebuilt))
-            events.erase(at.begin(), at.end());
-        return events;
-    }
-    std::vector<std::uint64_t> frames() const
-    {
-        return locked([this] { return m_frames; });
-    }
-    /// Every frame was one that was sent, whole, and came after the one before.
-    bool intact() const
-    {
-        return locked([this] { return m_intact; });
+        for (auto at = std::ranges::search(seen.events, rebuilt); !at.empty();
+             at = std::ranges::search(seen.events, rebuilt))
+            seen.events.erase(at.begin(), at.end());
+        return seen;
     }
     /// Waits, bounded, until `event` has come `times` times.
     bool waitFor(const std::string& event, long times = 1) const
     {
-        return test::waitFor([&] { return std::ranges::count(events(), event) >= times; });
+        return test::waitFor([&] { return std::ranges::count(seen().events, event) >= times; });
     }
     void clear()
     {
         const std::lock_guard lock(m_mutex);
-        m_events.clear();
-        m_frames.clear();
+        m_seen = {};
     }
 
 private:
     void record(const std::string& event)
     {
         const std::lock_guard lock(m_mutex);
-        m_events.push_back(event + (std::this_thread::get_id() == m_caller ? "@caller" : ""));
+        m_seen.events.push_back(event + (std::this_thread::get_id() == m_caller ? "@caller" : ""));
     }
 
     const std::thread::id m_caller = std::this_thread::get_id();
     mutable std::mutex m_mutex;
-    LogLines m_events;
-    std::vector<std::uint64_t> m_frames;
-    bool m_intact = true;
+    Seen m_seen;
 };
 
 class ReceiverTest : public LogCaptureTest
@@ -126,13 +115,13 @@ protected:
     /// pipe cannot take), until `count` more have arrived.
     bool stream(std::size_t count)
     {
-        const std::size_t target = m_callbacks.frames().size() + count;
+        const std::size_t target = m_callbacks.seen().frames.size() + count;
         return waitFor([&] {
-            const std::size_t before = m_callbacks.frames().size();
+            const std::size_t before = m_callbacks.seen().frames.size();
             m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp));
             ++m_timestamp;
-            test::waitFor([&] { return m_callbacks.frames().size() > before; }, 200ms);
-            return m_callbacks.frames().size() >= target;
+            test::waitFor([&] { return m_callbacks.seen().frames.size() > before; }, 200ms);
+            return m_callbacks.seen().frames.size() >= target;
         });
     }
 
@@ -168,9 +157,9 @@ TEST_P(ReceiverStreamTest, DeliversFramesIntactFollowsAFormatChangeAndLeavesNoth
     ASSERT_TRUE(m_callbacks.waitFor("sequence 44100 1 F32LE"));
     ASSERT_TRUE(stream(10));
     m_receiver.shutdownReceiver();
-    EXPECT_EQ(m_callbacks.events(), (LogLines{"state connecting@caller", "state running", sequence48k,
-                                              readyMonotonic, "sequence 44100 1 F32LE", "state idle"}));
-    EXPECT_TRUE(m_callbacks.intact());
+    EXPECT_EQ(m_callbacks.seen().events, (LogLines{"state connecting@caller", "state running", sequence48k,
+                                                   readyMonotonic, "sequence 44100 1 F32LE", "state idle"}));
+    EXPECT_TRUE(m_callbacks.seen().intact);
     EXPECT_TRUE(settlesAt(baseline));
     EXPECT_EQ(m_log.lines("ERROR"), LogLines{"ERROR Cannot query synced net clock availability unless the "
                                              "receiver is in the Running state"});
@@ -210,7 +199,7 @@ TEST_F(ReceiverTest, IsReadyOncePerConnectionOnTheClockItsSenderAnnounces)
         ASSERT_TRUE(stream(1) && m_callbacks.waitFor(ready, 2));
         m_receiver.shutdownReceiver();
         m_sender.shutdownSender();
-        EXPECT_EQ(m_callbacks.events(),
+        EXPECT_EQ(m_callbacks.seen().events,
                   (LogLines{"state connecting@caller", "state running", sequence48k, ready,
                             "state connecting", "state running", sequence48k, ready, "state idle"}));
         m_callbacks.clear();
@@ -221,14 +210,14 @@ TEST_F(ReceiverTest, FollowsTheNextSenderWhenItsSenderIsKilled)
 {
     ChildProcess sender({VRX_TEST_SENDER, m_address, "pubsub", "1"});
     ASSERT_TRUE(m_receiver.initializeReceiver(m_address));
-    ASSERT_TRUE(waitFor([&] { return m_callbacks.frames().size() >= 20; }));
+    ASSERT_TRUE(waitFor([&] { return m_callbacks.seen().frames.size() >= 20; }));
     sender.stop(SIGKILL);
     ASSERT_TRUE(m_callbacks.waitFor("state connecting"));
 
     m_timestamp = 1'000'000'000; // frames of the next sender come after those of the killed one
     ASSERT_TRUE(startSender() && stream(10));
-    EXPECT_TRUE(m_callbacks.intact());
-    EXPECT_EQ(m_callbacks.events(),
+    EXPECT_TRUE(m_callbacks.seen().intact);
+    EXPECT_EQ(m_callbacks.seen().events,
               (LogLines{"state connecting@caller", "state running", sequence48k, readyMonotonic,
                         "state connecting", "state running", sequence48k, readyMonotonic}));
 }
@@ -258,7 +247,7 @@ TEST_F(ReceiverTest, AStopInAnyWaitEndsItPromptlyWithIdleAlone)
         m_receiver.shutdownReceiver();
         EXPECT_LT(std::chrono::steady_clock::now() - start, 2s)
             << "the directory monitor is woken, not waited for";
-        EXPECT_EQ(m_callbacks.events(), events) << "no failure is reported";
+        EXPECT_EQ(m_callbacks.seen().events, events) << "no failure is reported";
         m_callbacks.clear();
         m_log.clear();
     }
@@ -275,8 +264,8 @@ TEST_F(ReceiverTest, ASecondPipelineReceiverFailsToBindGoesIdleAndStartsAfreshWh
     // The second time without a shut-down in between: the ended loop's threads are joined.
     for (long attempt = 1; attempt <= 2; ++attempt)
         ASSERT_TRUE(second.initializeReceiver(m_address) && callbacks.waitFor("failed", attempt));
-    EXPECT_EQ(callbacks.events(), (LogLines{"state connecting@caller", "state idle", "failed",
-                                            "state connecting@caller", "state idle", "failed"}));
+    EXPECT_EQ(callbacks.seen().events, (LogLines{"state connecting@caller", "state idle", "failed",
+                                                 "state connecting@caller", "state idle", "failed"}));
     EXPECT_EQ(m_log.count("ERROR Could not connect the nanomsg SP socket: " + errnoText(EADDRINUSE)), 2u);
 
     m_receiver.shutdownReceiver();
@@ -406,7 +395,7 @@ TEST_F(ReceiverTest, KeepsPacketsByTheirSequenceAndJudgesTheTwoChannelsApart)
         for (const std::string& words : c.verdicts)
             expected.push_back(std::isupper(words[0]) ? words : verdict(std::istringstream(words)));
         EXPECT_EQ(verdicts, expected);
-        EXPECT_EQ(m_callbacks.frames(), c.delivered);
+        EXPECT_EQ(m_callbacks.seen().frames, c.delivered);
 
         // The next case starts on a connection of its own, with no sequence yet.
         fake.disconnect();

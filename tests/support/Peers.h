@@ -169,7 +169,7 @@ public:
         return m_connection >= 0;
     }
     /// One sidechannel message (4 length bytes, then `payload`), written `chunk` bytes at a time,
-    /// with `betweenChunks` called after each.
+    /// with `betweenChunks` called between two.
     bool send(const Buffer& payload, std::size_t chunk = SIZE_MAX,
               const std::function<void()>& betweenChunks = {})
     {
@@ -182,7 +182,7 @@ public:
             const std::size_t length = std::min(chunk, message.size() - offset);
             if (::write(m_connection, message.data() + offset, length) != static_cast<ssize_t>(length))
                 return false;
-            if (betweenChunks)
+            if (betweenChunks && offset + length < message.size())
                 betweenChunks();
         }
         return true;

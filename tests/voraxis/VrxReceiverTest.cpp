@@ -276,11 +276,13 @@ TEST_F(ReceiverTest, KeepsPacketsByTheirSequenceAndJudgesTheTwoChannelsApart)
 {
     FakeSender fake(m_address, m_scratch.path());
     ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && fake.accept());
-    // A greeting that comes one byte at a time is put together over as many reads.
+    // A greeting that comes one byte at a time is put together over as many reads: each byte
+    // is written once the receiver waits again after reading the one before.
     const std::string reading = "DEBUG Sidechannel activity; reading initial info";
-    std::size_t written = 0;
-    ASSERT_TRUE(fake.send(fake.greeting(), 1,
-                          [&] { waitFor([&] { return m_log.count(reading) > written; }), ++written; }));
+    std::size_t read = 1;
+    ASSERT_TRUE(fake.send(fake.greeting(), 1, [&] {
+        waitFor([&] { return m_log.count("DEBUG Waiting for initial info") > read; }), ++read;
+    }));
     ASSERT_TRUE(m_callbacks.waitFor("state running"));
     EXPECT_EQ(m_log.count(reading), fake.greeting().size() + 4);
     EXPECT_EQ(m_log.count("DEBUG VRX initial info:  VRX version: 1  time sync IP address:   time sync "

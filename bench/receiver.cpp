@@ -50,6 +50,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -180,11 +181,22 @@ struct RoleOptions
 void configureLogging()
 {
     // Warnings and errors only, as in production: the frame path's TRACE lines are off.
-    log4cplus::BasicConfigurator::doConfigure();
-    log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    // VRX_BENCH_LOG_LEVEL (DEBUG, TRACE, ...) shows more, with time and process id, to find
+    // out why a run failed.
+    const char* level = std::getenv("VRX_BENCH_LOG_LEVEL");
+    std::istringstream properties(std::string("log4cplus.rootLogger=") + (level != nullptr ? level : "WARN") +
+                                  ", console\n"
+                                  "log4cplus.appender.console=log4cplus::ConsoleAppender\n"
+                                  "log4cplus.appender.console.logToStdErr=true\n"
+                                  "log4cplus.appender.console.layout=log4cplus::PatternLayout\n"
+                                  "log4cplus.appender.console.layout.ConversionPattern="
+                                  "%D{%H:%M:%S.%q} [%i] %-5p %m%n\n");
+    log4cplus::PropertyConfigurator configurator(properties);
+    configurator.configure();
 }
 
 // Sends frames at 1000 frames/s, unmeasured until "go N", then N measured ones; "quit" ends it.
+// "sequence" before "go" starts a new sequence (see Bench::runStream).
 //   says: init <time before set-up>, ready <time after set-up>, done <first> <last> <cpu> <late>
 int runSender(const RoleOptions& options)
 {
@@ -277,6 +289,11 @@ int runSender(const RoleOptions& options)
         const LineReader::Result result = input.read(line, 0);
         if (result == LineReader::Result::Closed)
             quit = true;
+        if (result == LineReader::Result::Line && line == "sequence" && sender)
+        {
+            sender->startNewSequence();
+            continue;
+        }
         if (result != LineReader::Result::Nothing)
             break;
     }
@@ -546,9 +563,10 @@ public:
         int toChild[2], fromChild[2];
         if (pipe2(toChild, O_CLOEXEC) < 0 || pipe2(fromChild, O_CLOEXEC) < 0)
             fail("cannot create pipes");
+        // The program's own path rather than /proc/self/exe, so that ps and perf show its name.
+        static const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
         std::vector<char*> argv;
-        static char self[] = "/proc/self/exe";
-        argv.push_back(self);
+        argv.push_back(const_cast<char*>(self.c_str()));
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
@@ -560,7 +578,7 @@ public:
             // Only async-signal-safe calls between fork and exec.
             if (dup2(toChild[0], 0) < 0 || dup2(fromChild[1], 1) < 0)
                 _exit(127);
-            execv(self, argv.data());
+            execv(self.c_str(), argv.data());
             _exit(127);
         }
         close(toChild[0]);
@@ -683,8 +701,18 @@ public:
         if (!init || !sender.await("ready", 10'000))
             return failed("the sender did not start");
         for (auto& receiver : receivers)
+        {
+            if (receiver->await("first", 3'000))
+                continue;
+            // A receiver that connects between the sender's initializeSender and its
+            // startNewSequence gets a greeting without SequenceInfo, and the SequenceInfo that
+            // follows over nanomsg reaches only subscriptions already in place: such a
+            // receiver drops every frame until the next sequence. Counted and reported.
+            ++m_missedSequences;
+            sender.tell("sequence");
             if (!receiver->await("first", 10'000))
                 return failed("a receiver got no frame");
+        }
         if (vrx)
             for (auto& receiver : receivers)
                 if (const auto running = receiver->await("running", 0))
@@ -743,9 +771,23 @@ private:
         return {};
     }
 
+public:
+    /// Receivers that got no frame until their sequence was started again.
+    int takeMissedSequences() { return std::exchange(m_missedSequences, 0); }
+
+private:
     std::string m_scratch;
     int m_runs = 0;
+    int m_missedSequences = 0;
 };
+
+void reportMissedSequences(Bench& bench)
+{
+    if (const int missed = bench.takeMissedSequences())
+        std::printf("%d receiver(s) missed the SequenceInfo and got frames only after the sequence was "
+                    "started again\n",
+                    missed);
+}
 
 double median(std::vector<double> values)
 {
@@ -844,6 +886,7 @@ int latencyFigures(Bench& bench, const Options& options)
     if (!startups.empty())
         std::printf("initializeSender to Running in these runs: median %.2f ms, max %.2f ms\n",
                     median(startups), *std::max_element(startups.begin(), startups.end()));
+    reportMissedSequences(bench);
     std::printf("\n");
     return 0;
 }
@@ -878,6 +921,7 @@ int lossFigures(Bench& bench, const Options& options)
                     receivers, lost[0], expected[0], lost[1], expected[1],
                     lost[0] <= lost[1] ? "met" : "NOT met");
     }
+    reportMissedSequences(bench);
     std::printf("\n");
     return 0;
 }

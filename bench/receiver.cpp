@@ -16,6 +16,10 @@
 //
 //   vrx_bench_receiver [--repetitions N] [--seconds S] [--loss-seconds S]
 //                      [--loss-receivers N,M] [--startups N] [--only latency,loss,startup]
+//                      [--realtime PRIORITY]
+//
+// --realtime runs every process of a run with SCHED_FIFO at that priority, as audio programs
+// often run: latency then shows the path itself rather than the machine's other load.
 
 #include <voraxis/VrxReceiver.h>
 #include <voraxis/VrxSender.h>
@@ -29,6 +33,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -501,13 +506,14 @@ struct Options
     std::vector<int> lossReceivers{1, 8};
     int startups = 20;
     bool latency = true, loss = true, startup = true;
+    int realtimePriority = 0; // SCHED_FIFO for every process of a run; 0: normal scheduling
 };
 
 [[noreturn]] void usage(const char* program)
 {
     std::fprintf(stderr,
                  "usage: %s [--repetitions N] [--seconds S] [--loss-seconds S] [--loss-receivers N,M]\n"
-                 "          [--startups N] [--only latency,loss,startup]\n",
+                 "          [--startups N] [--only latency,loss,startup] [--realtime PRIORITY]\n",
                  program);
     std::exit(2);
 }
@@ -533,6 +539,8 @@ Options parseOptions(int argc, char** argv)
             options.lossSeconds = positive(value.c_str());
         else if (name == "--startups")
             options.startups = positive(value.c_str());
+        else if (name == "--realtime")
+            options.realtimePriority = positive(value.c_str());
         else if (name == "--loss-receivers")
         {
             options.lossReceivers.clear();
@@ -558,7 +566,8 @@ Options parseOptions(int argc, char** argv)
 class Child
 {
 public:
-    explicit Child(const std::vector<std::string>& arguments)
+    /// `realtimePriority` above 0 runs the child with SCHED_FIFO at that priority.
+    Child(const std::vector<std::string>& arguments, int realtimePriority)
     {
         int toChild[2], fromChild[2];
         if (pipe2(toChild, O_CLOEXEC) < 0 || pipe2(fromChild, O_CLOEXEC) < 0)
@@ -578,6 +587,9 @@ public:
             // Only async-signal-safe calls between fork and exec.
             if (dup2(toChild[0], 0) < 0 || dup2(fromChild[1], 1) < 0)
                 _exit(127);
+            const sched_param priority{realtimePriority};
+            if (realtimePriority > 0 && sched_setscheduler(0, SCHED_FIFO, &priority) < 0)
+                _exit(126);
             execv(self.c_str(), argv.data());
             _exit(127);
         }
@@ -675,7 +687,9 @@ struct RunResult
 class Bench
 {
 public:
-    explicit Bench(std::string scratch) : m_scratch(std::move(scratch)) {}
+    Bench(std::string scratch, int realtimePriority)
+        : m_scratch(std::move(scratch)), m_realtimePriority(realtimePriority)
+    {}
 
     // One stream: receivers first (they wait for the sender), then the sender; `frames`
     // measured frames once every receiver has had its first.
@@ -691,12 +705,14 @@ public:
         std::vector<std::unique_ptr<Child>> receivers;
         for (int index = 0; index < receiverCount; ++index)
         {
-            receivers.push_back(std::make_unique<Child>(std::vector<std::string>{
-                "--role", "receiver", "--path", path, "--address", address, "--capacity", capacity}));
+            receivers.push_back(std::make_unique<Child>(
+                std::vector<std::string>{"--role", "receiver", "--path", path, "--address", address,
+                                         "--capacity", capacity},
+                m_realtimePriority));
             if (!receivers.back()->await("connecting", 10'000))
                 return failed("a receiver did not start");
         }
-        Child sender({"--role", "sender", "--path", path, "--address", address});
+        Child sender({"--role", "sender", "--path", path, "--address", address}, m_realtimePriority);
         const auto init = sender.await("init", 10'000);
         if (!init || !sender.await("ready", 10'000))
             return failed("the sender did not start");
@@ -747,11 +763,12 @@ public:
     {
         const std::string address =
             "vrx-bench-startup-" + std::to_string(getpid()) + "-" + std::to_string(m_runs++);
-        Child receiver({"--role", "receiver", "--path", "vrx", "--address", address, "--capacity", "1000"});
+        Child receiver({"--role", "receiver", "--path", "vrx", "--address", address, "--capacity", "1000"},
+                       m_realtimePriority);
         if (!receiver.await("connecting", 10'000))
             return std::nullopt;
         std::this_thread::sleep_for(std::chrono::milliseconds(waitMs));
-        Child sender({"--role", "sender", "--path", "vrx", "--address", address});
+        Child sender({"--role", "sender", "--path", "vrx", "--address", address}, m_realtimePriority);
         const auto init = sender.await("init", 10'000);
         const auto ready = sender.await("ready", 10'000);
         const auto running = receiver.await("running", 5'000);
@@ -777,6 +794,7 @@ public:
 
 private:
     std::string m_scratch;
+    int m_realtimePriority;
     int m_runs = 0;
     int m_missedSequences = 0;
 };
@@ -962,7 +980,9 @@ int orchestrate(const Options& options)
     // A child that ends early must not take this process with it.
     signal(SIGPIPE, SIG_IGN);
 
-    Bench bench(scratch);
+    Bench bench(scratch, options.realtimePriority);
+    if (options.realtimePriority > 0)
+        std::printf("every process of a run with SCHED_FIFO priority %d\n\n", options.realtimePriority);
     int status = 0;
     if (options.latency)
         status = latencyFigures(bench, options);

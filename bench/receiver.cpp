@@ -16,8 +16,10 @@
 //
 //   vrx_bench_receiver [--repetitions N] [--seconds S] [--loss-seconds S]
 //                      [--loss-receivers N,M] [--startups N] [--only latency,loss,startup]
-//                      [--realtime PRIORITY]
+//                      [--realtime PRIORITY] [--together yes|no]
 //
+// --together yes runs the latency figures' two paths at the same time, half a frame period
+// apart, instead of in turn: both then see the same machine load at the same moments.
 // --realtime runs every process of a run with SCHED_FIFO at that priority, as audio programs
 // often run: latency then shows the path itself rather than the machine's other load.
 
@@ -200,7 +202,8 @@ void configureLogging()
     configurator.configure();
 }
 
-// Sends frames at 1000 frames/s, unmeasured until "go N", then N measured ones; "quit" ends it.
+// Sends frames at 1000 frames/s, unmeasured until "go N BEGIN", then N measured ones from BEGIN
+// on the monotonic clock; "quit" ends it.
 // "sequence" before "go" starts a new sequence (see Bench::runStream).
 //   says: init <time before set-up>, ready <time after set-up>, done <first> <last> <cpu> <late>
 int runSender(const RoleOptions& options)
@@ -306,6 +309,7 @@ int runSender(const RoleOptions& options)
     if (!quit && !command.empty() && command[0] == "go")
     {
         const std::uint64_t frames = number(command, 1);
+        due = std::max<TimeValue>(number(command, 2), now());
         const std::uint64_t first = counter;
         late = 0;
         const TimeValue cpuBefore = processCpuTime();
@@ -507,13 +511,15 @@ struct Options
     int startups = 20;
     bool latency = true, loss = true, startup = true;
     int realtimePriority = 0; // SCHED_FIFO for every process of a run; 0: normal scheduling
+    bool together = false;    // latency: both paths at the same time instead of in turn
 };
 
 [[noreturn]] void usage(const char* program)
 {
     std::fprintf(stderr,
                  "usage: %s [--repetitions N] [--seconds S] [--loss-seconds S] [--loss-receivers N,M]\n"
-                 "          [--startups N] [--only latency,loss,startup] [--realtime PRIORITY]\n",
+                 "          [--startups N] [--only latency,loss,startup] [--realtime PRIORITY]\n"
+                 "          [--together yes|no]\n",
                  program);
     std::exit(2);
 }
@@ -541,6 +547,8 @@ Options parseOptions(int argc, char** argv)
             options.startups = positive(value.c_str());
         else if (name == "--realtime")
             options.realtimePriority = positive(value.c_str());
+        else if (name == "--together")
+            options.together = value == "yes";
         else if (name == "--loss-receivers")
         {
             options.lossReceivers.clear();
@@ -687,77 +695,37 @@ struct RunResult
 class Bench
 {
 public:
-    Bench(std::string scratch, int realtimePriority)
-        : m_scratch(std::move(scratch)), m_realtimePriority(realtimePriority)
+    Bench(std::string scratch, int realtimePriority, int longestRun)
+        : m_scratch(std::move(scratch)), m_realtimePriority(realtimePriority), m_longestRun(longestRun)
     {}
 
     // One stream: receivers first (they wait for the sender), then the sender; `frames`
     // measured frames once every receiver has had its first.
     RunResult runStream(bool vrx, int receiverCount, std::uint64_t frames)
     {
-        RunResult result;
-        const std::string address =
-            vrx ? "vrx-bench-receiver-" + std::to_string(getpid()) + "-" + std::to_string(m_runs)
-                : "ipc://" + m_scratch + "/bare-" + std::to_string(m_runs) + ".ipc";
-        ++m_runs;
-        const std::string path = vrx ? "vrx" : "bare";
-        const std::string capacity = std::to_string(frames + 1000);
-        std::vector<std::unique_ptr<Child>> receivers;
-        for (int index = 0; index < receiverCount; ++index)
-        {
-            receivers.push_back(std::make_unique<Child>(
-                std::vector<std::string>{"--role", "receiver", "--path", path, "--address", address,
-                                         "--capacity", capacity},
-                m_realtimePriority));
-            if (!receivers.back()->await("connecting", 10'000))
-                return failed("a receiver did not start");
-        }
-        Child sender({"--role", "sender", "--path", path, "--address", address}, m_realtimePriority);
-        const auto init = sender.await("init", 10'000);
-        if (!init || !sender.await("ready", 10'000))
-            return failed("the sender did not start");
-        for (auto& receiver : receivers)
-        {
-            if (receiver->await("first", 3'000))
-                continue;
-            // A receiver that connects between the sender's initializeSender and its
-            // startNewSequence gets a greeting without SequenceInfo, and the SequenceInfo that
-            // follows over nanomsg reaches only subscriptions already in place: such a
-            // receiver drops every frame until the next sequence. Counted and reported.
-            ++m_missedSequences;
-            sender.tell("sequence");
-            if (!receiver->await("first", 10'000))
-                return failed("a receiver got no frame");
-        }
-        if (vrx)
-            for (auto& receiver : receivers)
-                if (const auto running = receiver->await("running", 0))
-                    result.startups.push_back(number(*running, 1) - number(*init, 1));
-
-        sender.tell(("go " + std::to_string(frames)).c_str());
-        const auto done = sender.await("done", static_cast<int>(frames) + 20'000);
-        if (!done)
-            return failed("the sender did not finish");
-        result.expected = number(*done, 2) - number(*done, 1) + 1;
-        result.senderCpu = number(*done, 3);
-        result.senderLate = number(*done, 4);
-        // What is still on its way arrives before the receivers stop.
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        for (auto& receiver : receivers)
-            receiver->tell("stop");
-        for (auto& receiver : receivers)
-        {
-            const auto report = receiver->await("result", 10'000);
-            if (!report)
-                return failed("a receiver did not report");
-            result.receivers.push_back({number(*report, 1), number(*report, 4), number(*report, 5),
-                                        number(*report, 6), number(*report, 7)});
-        }
-        sender.tell("quit");
-        result.ok = true;
-        return result;
+        Stream stream;
+        if (!start(stream, vrx, receiverCount))
+            return {};
+        go(stream, frames, now() + 10 * framePeriod);
+        return finish(stream, frames);
     }
 
+    // Both paths at the same time, the bare sender half a period after the vrx sender, so that
+    // both see the same machine load at the same moments: { vrx, bare }.
+    std::pair<RunResult, RunResult> runTogether(std::uint64_t frames)
+    {
+        Stream streams[2];
+        if (!start(streams[0], true, 1) || !start(streams[1], false, 1))
+            return {};
+        const TimeValue begin = now() + 10 * framePeriod;
+        go(streams[0], frames, begin);
+        go(streams[1], frames, begin + framePeriod / 2);
+        RunResult vrx = finish(streams[0], frames);
+        RunResult bare = finish(streams[1], frames);
+        return {std::move(vrx), std::move(bare)};
+    }
+
+    // A receiver that has waited for a while, then a sender: initializeSender to Running.
     // A receiver that has waited for a while, then a sender: initializeSender to Running.
     std::optional<TimeValue> runStartup(int waitMs, TimeValue& initDuration)
     {
@@ -782,6 +750,99 @@ public:
     }
 
 private:
+    struct Stream
+    {
+        bool vrx = true;
+        std::vector<std::unique_ptr<Child>> receivers;
+        std::unique_ptr<Child> sender;
+        std::vector<TimeValue> startups;
+    };
+
+    // Receivers, then the sender; true once every receiver has had its first frame.
+    bool start(Stream& stream, bool vrx, int receiverCount)
+    {
+        stream.vrx = vrx;
+        const std::string address =
+            vrx ? "vrx-bench-receiver-" + std::to_string(getpid()) + "-" + std::to_string(m_runs)
+                : "ipc://" + m_scratch + "/bare-" + std::to_string(m_runs) + ".ipc";
+        ++m_runs;
+        const std::string path = vrx ? "vrx" : "bare";
+        // Room for the latencies of the longest run.
+        const std::string capacity = std::to_string(std::max(m_longestRun, 1000) * 1000 + 1000);
+        for (int index = 0; index < receiverCount; ++index)
+        {
+            stream.receivers.push_back(std::make_unique<Child>(
+                std::vector<std::string>{"--role", "receiver", "--path", path, "--address", address,
+                                         "--capacity", capacity},
+                m_realtimePriority));
+            if (!stream.receivers.back()->await("connecting", 10'000))
+                return report("a receiver did not start");
+        }
+        stream.sender = std::make_unique<Child>(
+            std::vector<std::string>{"--role", "sender", "--path", path, "--address", address},
+            m_realtimePriority);
+        const auto init = stream.sender->await("init", 10'000);
+        if (!init || !stream.sender->await("ready", 10'000))
+            return report("the sender did not start");
+        for (auto& receiver : stream.receivers)
+        {
+            if (receiver->await("first", 3'000))
+                continue;
+            // A receiver that connects between the sender's initializeSender and its
+            // startNewSequence gets a greeting without SequenceInfo, and the SequenceInfo that
+            // follows over nanomsg reaches only subscriptions already in place: such a
+            // receiver drops every frame until the next sequence. Counted and reported.
+            ++m_missedSequences;
+            stream.sender->tell("sequence");
+            if (!receiver->await("first", 10'000))
+                return report("a receiver got no frame");
+        }
+        if (vrx)
+            for (auto& receiver : stream.receivers)
+                if (const auto running = receiver->await("running", 0))
+                    stream.startups.push_back(number(*running, 1) - number(*init, 1));
+        return true;
+    }
+
+    // The measured frames start at `begin` on the monotonic clock.
+    static void go(Stream& stream, std::uint64_t frames, TimeValue begin)
+    {
+        stream.sender->tell(("go " + std::to_string(frames) + " " + std::to_string(begin)).c_str());
+    }
+
+    RunResult finish(Stream& stream, std::uint64_t frames)
+    {
+        RunResult result;
+        result.startups = stream.startups;
+        const auto done = stream.sender->await("done", static_cast<int>(frames) + 20'000);
+        if (!done)
+            return failed("the sender did not finish");
+        result.expected = number(*done, 2) - number(*done, 1) + 1;
+        result.senderCpu = number(*done, 3);
+        result.senderLate = number(*done, 4);
+        // What is still on its way arrives before the receivers stop.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (auto& receiver : stream.receivers)
+            receiver->tell("stop");
+        for (auto& receiver : stream.receivers)
+        {
+            const auto said = receiver->await("result", 10'000);
+            if (!said)
+                return failed("a receiver did not report");
+            result.receivers.push_back(
+                {number(*said, 1), number(*said, 4), number(*said, 5), number(*said, 6), number(*said, 7)});
+        }
+        stream.sender->tell("quit");
+        result.ok = true;
+        return result;
+    }
+
+    static bool report(const char* what)
+    {
+        std::fprintf(stderr, "run failed: %s\n", what);
+        return false;
+    }
+
     static RunResult failed(const char* what)
     {
         std::fprintf(stderr, "run failed: %s\n", what);
@@ -795,6 +856,7 @@ public:
 private:
     std::string m_scratch;
     int m_realtimePriority;
+    int m_longestRun; // seconds
     int m_runs = 0;
     int m_missedSequences = 0;
 };
@@ -848,9 +910,15 @@ int latencyFigures(Bench& bench, const Options& options)
     std::uint64_t lost[2] = {0, 0}, expected[2] = {0, 0};
     std::vector<double> startups;
 
-    std::printf("latency and CPU: %d repetitions of 4 runs (A B B A, B A A B, ...), %d s each, 1 receiver,\n"
-                "1000 frames/s of 1940-byte packets\n",
-                options.repetitions, options.seconds);
+    if (options.together)
+        std::printf("latency and CPU: %d repetitions of 2 runs in which both paths stream at the same time\n"
+                    "(half a period apart), %d s each, 1 receiver each, 1000 frames/s of 1940-byte packets\n",
+                    options.repetitions, options.seconds);
+    else
+        std::printf(
+            "latency and CPU: %d repetitions of 4 runs (A B B A, B A A B, ...), %d s each, 1 receiver,\n"
+            "1000 frames/s of 1940-byte packets\n",
+            options.repetitions, options.seconds);
     std::printf("%-4s %-5s %9s %9s %9s %10s %10s %6s %5s\n", "rep", "path", "p50[us]", "p99[us]", "max[us]",
                 "sndCPU[us]", "rcvCPU[us]", "lost", "late");
     // One short run of each path first, not counted: the first runs of a program pay for
@@ -861,11 +929,7 @@ int latencyFigures(Bench& bench, const Options& options)
     for (int repetition = 0; repetition < options.repetitions; ++repetition)
     {
         std::vector<double> sums(figures.size() * 2, 0.0);
-        for (const bool vrx : runOrder(repetition))
-        {
-            const RunResult run = bench.runStream(vrx, 1, frames);
-            if (!run.ok)
-                return 1;
+        const auto add = [&](bool vrx, const RunResult& run) {
             const ReceiverResult& receiver = run.receivers[0];
             const double values[] = {microseconds(receiver.p50), microseconds(receiver.p99),
                                      microseconds(receiver.max), perFrame(run.senderCpu, run),
@@ -880,7 +944,24 @@ int latencyFigures(Bench& bench, const Options& options)
                         vrx ? "vrx" : "bare", values[0], values[1], values[2], values[3], values[4],
                         run.lost(), run.senderLate);
             std::fflush(stdout);
-        }
+        };
+        if (options.together)
+            for (int run = 0; run < 2; ++run)
+            {
+                const auto [vrx, bare] = bench.runTogether(frames);
+                if (!vrx.ok || !bare.ok)
+                    return 1;
+                add(true, vrx);
+                add(false, bare);
+            }
+        else
+            for (const bool vrx : runOrder(repetition))
+            {
+                const RunResult run = bench.runStream(vrx, 1, frames);
+                if (!run.ok)
+                    return 1;
+                add(vrx, run);
+            }
         for (std::size_t index = 0; index < figures.size(); ++index)
         {
             figures[index].vrx.push_back(sums[index * 2]);
@@ -980,7 +1061,7 @@ int orchestrate(const Options& options)
     // A child that ends early must not take this process with it.
     signal(SIGPIPE, SIG_IGN);
 
-    Bench bench(scratch, options.realtimePriority);
+    Bench bench(scratch, options.realtimePriority, std::max(options.seconds, options.lossSeconds));
     if (options.realtimePriority > 0)
         std::printf("every process of a run with SCHED_FIFO priority %d\n\n", options.realtimePriority);
     int status = 0;

@@ -16,10 +16,12 @@
 //
 //   vrx_bench_receiver [--repetitions N] [--seconds S] [--loss-seconds S]
 //                      [--loss-receivers N,M] [--startups N] [--only latency,loss,startup]
-//                      [--realtime PRIORITY] [--together yes|no]
+//                      [--realtime PRIORITY] [--together yes|no] [--bare-extras poll3,copy,checks]
 //
 // --together yes runs the latency figures' two paths at the same time, half a frame period
 // apart, instead of in turn: both then see the same machine load at the same moments.
+// --bare-extras makes the bare receivers do some of vrx::Receiver's work as well, to find out
+// where it spends more (see BareSubscriber).
 // --realtime runs every process of a run with SCHED_FIFO at that priority, as audio programs
 // often run: latency then shows the path itself rather than the machine's other load.
 
@@ -29,6 +31,7 @@
 #include <log4cplus/configurator.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
 
 #include <nanomsg/nn.h>
 #include <nanomsg/pubsub.h>
@@ -37,6 +40,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -52,6 +56,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -183,6 +188,7 @@ struct RoleOptions
     bool vrx = true;     // vrx::Sender / vrx::Receiver, or bare nanomsg
     std::string address; // sidechannel address, or the ipc:// URI of the bare path
     std::size_t capacity = 0;
+    std::string extras; // bare receiver: steps of vrx::Receiver to add (see BareSubscriber)
 };
 
 void configureLogging()
@@ -387,11 +393,18 @@ private:
     TimeValue m_cpuAtFirst = 0;
 };
 
-// The bare consuming end: an NN_SUB socket drained by a thread of its own.
+// The bare consuming end: an NN_SUB socket drained by a thread of its own. To find out where
+// vrx::Receiver spends more, `extras` adds its steps one by one:
+//   poll3:  a third, idle descriptor in the poll (vrx::Receiver polls its sidechannel socket);
+//   copy:   the media copied into a new vector per frame (the depayloader's unwrapFrame);
+//   checks: four disabled TRACE checks on the "Voraxis" logger and a mutex per frame.
 class BareSubscriber
 {
 public:
-    BareSubscriber(const std::string& uri, FrameLog& frames) : m_frames(frames)
+    BareSubscriber(const std::string& uri, FrameLog& frames, const std::string& extras)
+        : m_frames(frames),
+          m_copy(extras.find("copy") != std::string::npos),
+          m_checks(extras.find("checks") != std::string::npos)
     {
         m_socket = nn_socket(AF_SP, NN_SUB);
         const int receiveBufferSize = 1;
@@ -404,8 +417,10 @@ public:
                 0 ||
             nn_connect(m_socket, uri.c_str()) < 0 ||
             nn_getsockopt(m_socket, NN_SOL_SOCKET, NN_RCVFD, &m_watchFD, &size) < 0 ||
-            pipe2(m_wakeupPipe, O_CLOEXEC) < 0)
+            pipe2(m_wakeupPipe, O_CLOEXEC) < 0 ||
+            socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_idleSocket) < 0)
             fail("cannot set up the bare subscriber");
+        m_pollCount = extras.find("poll3") != std::string::npos ? 3 : 2;
         m_thread = std::thread([this] { drain(); });
     }
 
@@ -416,8 +431,8 @@ public:
             fail("cannot wake the bare subscriber");
         m_thread.join();
         nn_close(m_socket);
-        close(m_wakeupPipe[0]);
-        close(m_wakeupPipe[1]);
+        for (const int fd : {m_wakeupPipe[0], m_wakeupPipe[1], m_idleSocket[0], m_idleSocket[1]})
+            close(fd);
     }
 
     BareSubscriber(const BareSubscriber&) = delete;
@@ -426,10 +441,17 @@ public:
 private:
     void drain()
     {
-        pollfd pollFDs[2] = {{m_wakeupPipe[0], POLLIN, 0}, {m_watchFD, POLLIN, 0}};
+        const log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
+        pollfd pollFDs[3] = {
+            {m_wakeupPipe[0], POLLIN, 0}, {m_watchFD, POLLIN, 0}, {m_idleSocket[0], POLLIN, 0}};
         for (;;)
         {
-            if (poll(pollFDs, 2, 50) <= 0)
+            if (m_checks)
+            {
+                std::lock_guard lock(m_mutex);
+                LOG4CPLUS_TRACE(logger, "Listening for input");
+            }
+            if (poll(pollFDs, m_pollCount, 50) <= 0)
                 continue;
             if ((pollFDs[0].revents & POLLIN) != 0)
                 return;
@@ -440,21 +462,39 @@ private:
             if (size < 0)
                 continue;
             const auto* packet = static_cast<const unsigned char*>(message);
+            if (m_checks)
+            {
+                LOG4CPLUS_TRACE(logger, "Nanomsg activity");
+                LOG4CPLUS_TRACE(logger, "Received nanomsg VRX packet with " << size << " byte(s)");
+                LOG4CPLUS_TRACE(logger, "Calling media data callback");
+            }
             if (static_cast<std::size_t>(size) > mediaOffset)
             {
                 TimeValue timestamp = 0;
                 std::memcpy(&timestamp, packet + timestampOffset, sizeof(timestamp));
-                m_frames.onFrame(timestamp, packet + mediaOffset,
-                                 static_cast<std::size_t>(size) - mediaOffset);
+                if (m_copy)
+                {
+                    m_media = vrx::Buffer(packet + mediaOffset, packet + size);
+                    m_frames.onFrame(timestamp, m_media.data(), m_media.size());
+                }
+                else
+                    m_frames.onFrame(timestamp, packet + mediaOffset,
+                                     static_cast<std::size_t>(size) - mediaOffset);
             }
             nn_freemsg(message);
         }
     }
 
     FrameLog& m_frames;
+    const bool m_copy;
+    const bool m_checks;
+    nfds_t m_pollCount = 2;
     int m_socket = -1;
     int m_watchFD = -1;
     int m_wakeupPipe[2] = {-1, -1};
+    int m_idleSocket[2] = {-1, -1};
+    std::mutex m_mutex;
+    vrx::Buffer m_media;
     std::thread m_thread;
 };
 
@@ -486,7 +526,7 @@ int runReceiver(const RoleOptions& options)
             fail("cannot initialise the receiver");
     }
     else
-        bare = std::make_unique<BareSubscriber>(options.address, frames);
+        bare = std::make_unique<BareSubscriber>(options.address, frames, options.extras);
     say(1, "connecting");
 
     LineReader input(0);
@@ -512,6 +552,7 @@ struct Options
     bool latency = true, loss = true, startup = true;
     int realtimePriority = 0; // SCHED_FIFO for every process of a run; 0: normal scheduling
     bool together = false;    // latency: both paths at the same time instead of in turn
+    std::string bareExtras;   // steps of vrx::Receiver that the bare receivers add
 };
 
 [[noreturn]] void usage(const char* program)
@@ -519,7 +560,7 @@ struct Options
     std::fprintf(stderr,
                  "usage: %s [--repetitions N] [--seconds S] [--loss-seconds S] [--loss-receivers N,M]\n"
                  "          [--startups N] [--only latency,loss,startup] [--realtime PRIORITY]\n"
-                 "          [--together yes|no]\n",
+                 "          [--together yes|no] [--bare-extras poll3,copy,checks]\n",
                  program);
     std::exit(2);
 }
@@ -549,6 +590,8 @@ Options parseOptions(int argc, char** argv)
             options.realtimePriority = positive(value.c_str());
         else if (name == "--together")
             options.together = value == "yes";
+        else if (name == "--bare-extras")
+            options.bareExtras = value;
         else if (name == "--loss-receivers")
         {
             options.lossReceivers.clear();
@@ -695,8 +738,11 @@ struct RunResult
 class Bench
 {
 public:
-    Bench(std::string scratch, int realtimePriority, int longestRun)
-        : m_scratch(std::move(scratch)), m_realtimePriority(realtimePriority), m_longestRun(longestRun)
+    Bench(std::string scratch, const Options& options)
+        : m_scratch(std::move(scratch)),
+          m_realtimePriority(options.realtimePriority),
+          m_longestRun(std::max(options.seconds, options.lossSeconds)),
+          m_bareExtras(options.bareExtras)
     {}
 
     // One stream: receivers first (they wait for the sender), then the sender; `frames`
@@ -771,10 +817,11 @@ private:
         const std::string capacity = std::to_string(std::max(m_longestRun, 1000) * 1000 + 1000);
         for (int index = 0; index < receiverCount; ++index)
         {
-            stream.receivers.push_back(std::make_unique<Child>(
-                std::vector<std::string>{"--role", "receiver", "--path", path, "--address", address,
-                                         "--capacity", capacity},
-                m_realtimePriority));
+            std::vector<std::string> arguments{"--role",    "receiver", "--path",     path,
+                                               "--address", address,    "--capacity", capacity};
+            if (!vrx && !m_bareExtras.empty())
+                arguments.insert(arguments.end(), {"--extras", m_bareExtras});
+            stream.receivers.push_back(std::make_unique<Child>(arguments, m_realtimePriority));
             if (!stream.receivers.back()->await("connecting", 10'000))
                 return report("a receiver did not start");
         }
@@ -857,6 +904,7 @@ private:
     std::string m_scratch;
     int m_realtimePriority;
     int m_longestRun; // seconds
+    std::string m_bareExtras;
     int m_runs = 0;
     int m_missedSequences = 0;
 };
@@ -1061,7 +1109,9 @@ int orchestrate(const Options& options)
     // A child that ends early must not take this process with it.
     signal(SIGPIPE, SIG_IGN);
 
-    Bench bench(scratch, options.realtimePriority, std::max(options.seconds, options.lossSeconds));
+    Bench bench(scratch, options);
+    if (!options.bareExtras.empty())
+        std::printf("bare receivers add: %s\n\n", options.bareExtras.c_str());
     if (options.realtimePriority > 0)
         std::printf("every process of a run with SCHED_FIFO priority %d\n\n", options.realtimePriority);
     int status = 0;
@@ -1092,6 +1142,8 @@ int main(int argc, char** argv)
                 role.address = argv[index + 1];
             else if (name == "--capacity")
                 role.capacity = std::strtoull(argv[index + 1], nullptr, 10);
+            else if (name == "--extras")
+                role.extras = argv[index + 1];
         }
         if (role.role == "sender")
             return runSender(role);

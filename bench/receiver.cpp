@@ -1,8 +1,10 @@
 // A stream from vrx::Sender to vrx::Receiver in separate processes against bare nanomsg doing
 // the same: an NN_PUB socket with a one-byte send buffer to NN_SUB sockets with a one-byte
 // receive buffer, each drained by a thread that polls a wake-up pipe and the NN_RCVFD in 50 ms
-// slices and receives with nn_recv(NN_MSG, NN_DONTWAIT). Frames are 1940-byte packets (1920
-// bytes of media) at 1000 frames/s, stamped with the monotonic clock at the send.
+// slices and receives with nn_recv(NN_MSG, NN_DONTWAIT). The bare publisher sends as the
+// sender does, trying nn_send(NN_DONTWAIT) first. Frames are 1940-byte packets (1920 bytes of
+// media) at 1000 frames/s, stamped with the monotonic clock at the send; a sender that wakes
+// late sends at once and goes on a period later, never back to back.
 //
 //   latency: one receiver; one-way latency from the send to the receiving callback (p50, p99)
 //            and the CPU time of the sender's and the receiver's process per delivered frame;
@@ -24,6 +26,8 @@
 // where it spends more (see BareSubscriber).
 // --realtime runs every process of a run with SCHED_FIFO at that priority, as audio programs
 // often run: latency then shows the path itself rather than the machine's other load.
+// VRX_BENCH_LOG_LEVEL=DEBUG (or TRACE, ...) in the environment shows the library's log of every
+// process, with time and process id, to find out why a run failed.
 
 #include <voraxis/VrxReceiver.h>
 #include <voraxis/VrxSender.h>

@@ -20,8 +20,10 @@
 //                      [--loss-receivers N,M] [--startups N] [--only latency,loss,startup]
 //                      [--realtime PRIORITY] [--together yes|no] [--bare-extras poll3,copy,checks]
 //
-// --together yes runs the latency figures' two paths at the same time, half a frame period
-// apart, instead of in turn: both then see the same machine load at the same moments.
+// --together yes runs the two paths at the same time (the senders half a frame period apart)
+// instead of in turn, for the latency and the loss figures: both paths then see the same
+// machine load at the same moments, which matters most for frame loss, which stalls of the
+// machine cause.
 // --bare-extras makes the bare receivers do some of vrx::Receiver's work as well, to find out
 // where it spends more (see BareSubscriber).
 // --realtime runs every process of a run with SCHED_FIFO at that priority, as audio programs
@@ -555,7 +557,7 @@ struct Options
     int startups = 20;
     bool latency = true, loss = true, startup = true;
     int realtimePriority = 0; // SCHED_FIFO for every process of a run; 0: normal scheduling
-    bool together = false;    // latency: both paths at the same time instead of in turn
+    bool together = false;    // latency, loss: both paths at the same time instead of in turn
     std::string bareExtras;   // steps of vrx::Receiver that the bare receivers add
 };
 
@@ -762,10 +764,10 @@ public:
 
     // Both paths at the same time, the bare sender half a period after the vrx sender, so that
     // both see the same machine load at the same moments: { vrx, bare }.
-    std::pair<RunResult, RunResult> runTogether(std::uint64_t frames)
+    std::pair<RunResult, RunResult> runTogether(int receiverCount, std::uint64_t frames)
     {
         Stream streams[2];
-        if (!start(streams[0], true, 1) || !start(streams[1], false, 1))
+        if (!start(streams[0], true, receiverCount) || !start(streams[1], false, receiverCount))
             return {};
         const TimeValue begin = now() + 10 * framePeriod;
         go(streams[0], frames, begin);
@@ -775,7 +777,6 @@ public:
         return {std::move(vrx), std::move(bare)};
     }
 
-    // A receiver that has waited for a while, then a sender: initializeSender to Running.
     // A receiver that has waited for a while, then a sender: initializeSender to Running.
     std::optional<TimeValue> runStartup(int waitMs, TimeValue& initDuration)
     {
@@ -1000,7 +1001,7 @@ int latencyFigures(Bench& bench, const Options& options)
         if (options.together)
             for (int run = 0; run < 2; ++run)
             {
-                const auto [vrx, bare] = bench.runTogether(frames);
+                const auto [vrx, bare] = bench.runTogether(1, frames);
                 if (!vrx.ok || !bare.ok)
                     return 1;
                 add(true, vrx);
@@ -1045,18 +1046,19 @@ int latencyFigures(Bench& bench, const Options& options)
 int lossFigures(Bench& bench, const Options& options)
 {
     const std::uint64_t frames = static_cast<std::uint64_t>(options.lossSeconds) * 1000;
-    std::printf("loss: %d s per run, runs A B B A per receiver count, 1000 frames/s\n", options.lossSeconds);
+    if (options.together)
+        std::printf("loss: %d s per run, two runs per receiver count in which both paths stream at the same "
+                    "time, 1000 frames/s\n",
+                    options.lossSeconds);
+    else
+        std::printf("loss: %d s per run, runs A B B A per receiver count, 1000 frames/s\n",
+                    options.lossSeconds);
     std::printf("%-10s %-5s %10s %8s %6s   %s\n", "receivers", "path", "expected", "lost", "late",
                 "lost per receiver");
-    std::vector<std::pair<int, std::pair<std::uint64_t, std::uint64_t>>> totals;
     for (const int receivers : options.lossReceivers)
     {
         std::uint64_t lost[2] = {0, 0}, expected[2] = {0, 0};
-        for (const bool vrx : runOrder(0))
-        {
-            const RunResult run = bench.runStream(vrx, receivers, frames);
-            if (!run.ok)
-                return 1;
+        const auto add = [&](bool vrx, const RunResult& run) {
             lost[vrx ? 0 : 1] += run.lost();
             expected[vrx ? 0 : 1] += run.expected * static_cast<std::uint64_t>(receivers);
             std::string each;
@@ -1066,7 +1068,24 @@ int lossFigures(Bench& bench, const Options& options)
                         run.expected * static_cast<std::uint64_t>(receivers), run.lost(), run.senderLate,
                         each.c_str());
             std::fflush(stdout);
-        }
+        };
+        if (options.together)
+            for (int run = 0; run < 2; ++run)
+            {
+                const auto [vrx, bare] = bench.runTogether(receivers, frames);
+                if (!vrx.ok || !bare.ok)
+                    return 1;
+                add(true, vrx);
+                add(false, bare);
+            }
+        else
+            for (const bool vrx : runOrder(0))
+            {
+                const RunResult run = bench.runStream(vrx, receivers, frames);
+                if (!run.ok)
+                    return 1;
+                add(vrx, run);
+            }
         std::printf("%-10d total: vrx lost %" PRIu64 " of %" PRIu64 ", bare lost %" PRIu64 " of %" PRIu64
                     "   (target: vrx <= bare) %s\n",
                     receivers, lost[0], expected[0], lost[1], expected[1],

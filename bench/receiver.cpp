@@ -20,7 +20,8 @@
 //                      [--loss-receivers N,M] [--startups N] [--only latency,loss,startup]
 //                      [--realtime PRIORITY] [--together yes|no] [--bare-extras poll3,copy,checks]
 //
-// --together yes runs the two paths at the same time (the senders half a frame period apart)
+// --together yes runs the two paths at the same time (the senders half a frame period apart,
+// which one first alternating from run to run)
 // instead of in turn, for the latency and the loss figures: both paths then see the same
 // machine load at the same moments, which matters most for frame loss, which stalls of the
 // machine cause.
@@ -762,16 +763,19 @@ public:
         return finish(stream, frames);
     }
 
-    // Both paths at the same time, the bare sender half a period after the vrx sender, so that
-    // both see the same machine load at the same moments: { vrx, bare }.
-    std::pair<RunResult, RunResult> runTogether(int receiverCount, std::uint64_t frames)
+    // Both paths at the same time, one sender half a period after the other, so that both see
+    // the same machine load at the same moments: { vrx, bare }. `bareFirst` swaps which path is
+    // set up and sends first, so that alternate runs cancel what the order may bring.
+    std::pair<RunResult, RunResult> runTogether(int receiverCount, std::uint64_t frames, bool bareFirst)
     {
-        Stream streams[2];
-        if (!start(streams[0], true, receiverCount) || !start(streams[1], false, receiverCount))
+        Stream streams[2]; // vrx, bare
+        const int first = bareFirst ? 1 : 0;
+        if (!start(streams[first], first == 0, receiverCount) ||
+            !start(streams[1 - first], first != 0, receiverCount))
             return {};
         const TimeValue begin = now() + 10 * framePeriod;
-        go(streams[0], frames, begin);
-        go(streams[1], frames, begin + framePeriod / 2);
+        go(streams[first], frames, begin);
+        go(streams[1 - first], frames, begin + framePeriod / 2);
         RunResult vrx = finish(streams[0], frames);
         RunResult bare = finish(streams[1], frames);
         return {std::move(vrx), std::move(bare)};
@@ -1001,7 +1005,7 @@ int latencyFigures(Bench& bench, const Options& options)
         if (options.together)
             for (int run = 0; run < 2; ++run)
             {
-                const auto [vrx, bare] = bench.runTogether(1, frames);
+                const auto [vrx, bare] = bench.runTogether(1, frames, (repetition + run) % 2 == 1);
                 if (!vrx.ok || !bare.ok)
                     return 1;
                 add(true, vrx);
@@ -1072,7 +1076,7 @@ int lossFigures(Bench& bench, const Options& options)
         if (options.together)
             for (int run = 0; run < 2; ++run)
             {
-                const auto [vrx, bare] = bench.runTogether(receivers, frames);
+                const auto [vrx, bare] = bench.runTogether(receivers, frames, run == 1);
                 if (!vrx.ok || !bare.ok)
                     return 1;
                 add(true, vrx);

@@ -217,7 +217,7 @@ void configureLogging()
 
 // Sends frames at 1000 frames/s, unmeasured until "go N BEGIN", then N measured ones from BEGIN
 // on the monotonic clock; "quit" ends it.
-// "sequence" before "go" starts a new sequence (see Bench::runStream).
+// "sequence" before "go" starts a new sequence (see Bench::start).
 //   says: init <time before set-up>, ready <time after set-up>, done <first> <last> <cpu> <late>
 int runSender(const RoleOptions& options)
 {

@@ -96,7 +96,9 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
         LOG4CPLUS_ERROR(logger, "Could not create VRX sender thread look wakeup pipe: " << ErrnoText{error});
         return false;
     }
-    if (pipe2(m_nanomsgWakeupPipe.data(), O_CLOEXEC) < 0)
+    // Non-blocking: a publisher's sends never wait, so nobody drains the bytes of repeated
+    // disables; a full pipe means that a wake-up is pending already.
+    if (pipe2(m_nanomsgWakeupPipe.data(), O_CLOEXEC | O_NONBLOCK) < 0)
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create nanomsg wakeup pipe: " << ErrnoText{error});
@@ -165,7 +167,7 @@ void Sender::shutdownSender()
     // their poll promptly.
     if (write(m_listenerWakeupPipe[1], &wakeupByte, 1) < 1)
         LOG4CPLUS_ERROR(logger, "Failed to write shutdown flag to listeners");
-    if (write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) < 1)
+    if (!writeNanomsgWakeup())
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for shutdown");
 
     // The listener thread takes m_mutex itself.
@@ -620,8 +622,13 @@ void Sender::disableSend(bool disable)
     // leave this write with a closed, or reused, descriptor. Nobody holds m_mutex while waiting
     // for the main channel, so this never waits for a blocked send.
     std::lock_guard lock(m_mutex);
-    if (m_nanomsgWakeupPipe[1] >= 0 && write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) != 1)
+    if (m_nanomsgWakeupPipe[1] >= 0 && !writeNanomsgWakeup())
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for disable");
+}
+
+bool Sender::writeNanomsgWakeup()
+{
+    return write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) == 1 || errno == EAGAIN;
 }
 
 // ---- Media data, payloader selection and sequences -----------------------------------------

@@ -90,6 +90,8 @@ private:
     void sendDataOverNanomsg(const ByteSpan& packet);
     std::size_t clientConnectionCount() const;
     void releaseWakeupPipes();
+    /// Writes the wake-up byte for a send that may wait; true also when one is pending already.
+    bool writeNanomsgWakeup();
     /// Removes the IPC file and the temporary directory, where there are any.
     void removeTemporaryDirectory();
 

@@ -11,6 +11,7 @@
 #include <nanomsg/pubsub.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -19,6 +20,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <sstream>
 #include <numeric>
 
 namespace vrx::test {
@@ -223,7 +225,8 @@ inline Buffer mediaOf(std::uint64_t timestamp)
     return media;
 }
 
-/// A program of this build in a process of its own; killed and reaped at the end.
+/// A program of this build in a process of its own, its standard output captured; killed and
+/// reaped at the end.
 class ChildProcess : NonCopyable
 {
 public:
@@ -233,12 +236,41 @@ public:
         for (std::string& argument : arguments)
             argv.push_back(argument.data());
         argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+        int output[2];
+        posix_spawn_file_actions_t actions;
+        if (pipe2(output, O_CLOEXEC | O_NONBLOCK) < 0 || posix_spawn_file_actions_init(&actions) != 0)
+            throw std::runtime_error("cannot start " + arguments[0]);
+        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
             m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(output[1]);
+        m_output = output[0];
     }
-    ~ChildProcess() { stop(SIGKILL); }
+    ~ChildProcess()
+    {
+        stop(SIGKILL);
+        ::close(m_output);
+    }
     pid_t pid() const { return m_pid; }
-    /// Sends `signal` and waits for the process to end.
+    /// The lines the program has printed so far.
+    LogLines lines()
+    {
+        char chunk[4096];
+        for (ssize_t size; (size = read(m_output, chunk, sizeof(chunk))) > 0;)
+            m_printed.append(chunk, static_cast<std::size_t>(size));
+        LogLines lines;
+        std::istringstream printed(m_printed);
+        for (std::string line; std::getline(printed, line);)
+            lines.push_back(line);
+        return lines;
+    }
+    /// Waits, bounded, until the program has printed `line` `times` times.
+    bool waitFor(const std::string& line, long times = 1)
+    {
+        return test::waitFor([&] { return std::ranges::count(lines(), line) >= times; });
+    }
+    /// Sends `signal` and waits for the process to end; what it printed stays readable.
     void stop(int signal)
     {
         if (m_pid > 0 && ::kill(m_pid, signal) == 0)
@@ -248,6 +280,8 @@ public:
 
 private:
     pid_t m_pid = -1;
+    int m_output = -1;
+    std::string m_printed;
 };
 
 /// A UDP socket on 127.0.0.1 at a free port.

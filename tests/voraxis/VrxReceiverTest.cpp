@@ -2,11 +2,9 @@
 // own) or, for what a sender would not send, a fake one, on real sockets; the callbacks in
 // order, the log, and what the process still holds afterwards.
 
-#include "Peers.h"
+#include "StreamFixture.h"
 
 #include <miscutils/NetTimeProvider.h>
-#include <voraxis/VrxReceiver.h>
-#include <voraxis/VrxSender.h>
 
 #include <fstream>
 
@@ -14,126 +12,6 @@ namespace vrx::test {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::literals;
-using ClockType = Receiver::StreamClockType;
-
-const std::string sequence48k = "sequence 48000 2 S16LE", readyMonotonic = "ready monotonic system clock";
-
-/// What the application saw: one event per callback, in order ("state running", "sequence
-/// 48000 2 S16LE", "ready no clock", "failed"; "@caller" marks one that ran on the thread that
-/// attached the recorder), and the timestamps of the frames, each checked against what the frame
-/// scheme says it carries. A connection rebuilt before it saw a sequence (it came just before its
-/// sender started the first one and missed the announcement) is left out of the events.
-struct Seen
-{
-    LogLines events;
-    std::vector<std::uint64_t> frames;
-    bool intact = true; // every frame was one that was sent, whole, and came after the one before
-};
-
-class Callbacks : NonCopyable
-{
-public:
-    void attach(Receiver& receiver, PcmDepayloader& depayloader)
-    {
-        receiver.addDepayloader(depayloader);
-        receiver.setStateChangedCallback(
-            [this](Receiver::State state) { record("state "s + toString(state)); });
-        receiver.setConnectionAttemptFailedCallback([this] { record("failed"); });
-        receiver.setNewSequenceCallback([this, &depayloader](Depayloader& selected) {
-            record("sequence " + std::to_string(depayloader.getSampleRate()) + " " +
-                   std::to_string(depayloader.getNumChannels()) + " " +
-                   audioUtils::toString(depayloader.getSampleFormat()) +
-                   (&selected == &depayloader ? "" : "?"));
-        });
-        receiver.setReceiverIsReadyCallback([this, &depayloader](Depayloader& selected, ClockType clock) {
-            record("ready "s + toString(clock) + (&selected == &depayloader ? "" : "?"));
-        });
-        receiver.setMediaDataCallback([this](unsigned long long timestamp, unsigned long long duration,
-                                             const std::vector<unsigned char>& media) {
-            const std::lock_guard lock(m_mutex);
-            m_seen.intact = m_seen.intact && duration == durationOf(timestamp) &&
-                            media == mediaOf(timestamp) &&
-                            (m_seen.frames.empty() || timestamp > m_seen.frames.back());
-            m_seen.frames.push_back(timestamp);
-        });
-    }
-    Seen seen() const
-    {
-        const std::lock_guard lock(m_mutex);
-        Seen seen = m_seen;
-        const LogLines rebuilt{"state running", "state connecting"};
-        for (auto at = std::ranges::search(seen.events, rebuilt); !at.empty();
-             at = std::ranges::search(seen.events, rebuilt))
-            seen.events.erase(at.begin(), at.end());
-        return seen;
-    }
-    /// Waits, bounded, until `event` has come `times` times.
-    bool waitFor(const std::string& event, long times = 1) const
-    {
-        return test::waitFor([&] { return std::ranges::count(seen().events, event) >= times; });
-    }
-    void clear()
-    {
-        const std::lock_guard lock(m_mutex);
-        m_seen = {};
-    }
-
-private:
-    void record(const std::string& event)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_seen.events.push_back(event + (std::this_thread::get_id() == m_caller ? "@caller" : ""));
-    }
-
-    const std::thread::id m_caller = std::this_thread::get_id();
-    mutable std::mutex m_mutex;
-    Seen m_seen;
-};
-
-class ReceiverTest : public LogCaptureTest
-{
-protected:
-    ReceiverTest()
-    {
-        m_payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
-        m_callbacks.attach(m_receiver, m_depayloader);
-    }
-
-    /// A sender on the fixture's address whose first sequence has started.
-    bool startSender(NanomsgProtocol protocol = NanomsgProtocol::PubSub,
-                     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock, unsigned int port = 0)
-    {
-        if (!m_sender.initializeSender(m_address, "", "127.0.0.1", port, clock, protocol))
-            return false;
-        m_sender.setCurrentPayloader(m_payloader);
-        m_sender.startNewSequence();
-        return true;
-    }
-
-    /// Sends frames, each once the last has arrived or been lost (a publisher drops what a busy
-    /// pipe cannot take), until `count` more have arrived.
-    bool stream(std::size_t count)
-    {
-        const std::size_t target = m_callbacks.seen().frames.size() + count;
-        return waitFor([&] {
-            const std::size_t before = m_callbacks.seen().frames.size();
-            m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp));
-            ++m_timestamp;
-            test::waitFor([&] { return m_callbacks.seen().frames.size() > before; }, 200ms);
-            return m_callbacks.seen().frames.size() >= target;
-        });
-    }
-
-    ScratchTmpdir m_scratch;
-    const std::string m_address = uniqueSocketAddress();
-    PcmPayloader m_payloader;
-    Sender m_sender;
-    PcmDepayloader m_depayloader;
-    Callbacks m_callbacks;
-    Receiver m_receiver; // stops first, while what its callbacks use still exists
-    std::uint64_t m_timestamp = 1;
-};
 
 class ReceiverStreamTest : public ReceiverTest, public ::testing::WithParamInterface<NanomsgProtocol>
 {};
@@ -208,7 +86,7 @@ TEST_F(ReceiverTest, IsReadyOncePerConnectionOnTheClockItsSenderAnnounces)
 
 TEST_F(ReceiverTest, FollowsTheNextSenderWhenItsSenderIsKilled)
 {
-    ChildProcess sender({VRX_TEST_SENDER, m_address, "pubsub", "1"});
+    ChildProcess sender({VRX_TEST_PEER, "sender", m_address, "pubsub", "1"});
     ASSERT_TRUE(m_receiver.initializeReceiver(m_address));
     ASSERT_TRUE(waitFor([&] { return m_callbacks.seen().frames.size() >= 20; }));
     sender.stop(SIGKILL);

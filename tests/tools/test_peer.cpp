@@ -1,0 +1,80 @@
+// The library's two ends in processes of their own, for tests that kill, stop or restart them,
+// or run them as another user:
+//
+//   vrx_test_peer sender ADDRESS pubsub|pipeline FIRST   streams frames of the frame scheme
+//       (timestamps FIRST, FIRST + 1, ...), one per millisecond, until it is killed;
+//   vrx_test_peer receiver ADDRESS   prints "running" at each connection and, once SIGTERM has
+//       stopped it, "frames N lost L corrupt C" (lost: gaps between timestamps of a connection);
+//   vrx_test_peer push URI UID SEQUENCE   as user UID, pushes one Frame of that sequence
+//       (timestamp 7) to the pipeline channel at URI; exits 0 once it is taken.
+
+#include "Peers.h"
+
+#include <voraxis/VrxReceiver.h>
+#include <voraxis/VrxSender.h>
+
+#include <csignal>
+
+using namespace vrx;
+
+int main(int argc, char** argv)
+{
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    PcmPayloader payloader;
+    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    if (arguments.size() == 4 && arguments[0] == "sender")
+    {
+        Sender sender;
+        if (!sender.initializeSender(arguments[1], "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                     toNanomsgProtocol(arguments[2])))
+            return 1;
+        sender.setCurrentPayloader(payloader);
+        sender.startNewSequence();
+        for (std::uint64_t timestamp = std::stoull(arguments[3]);; ++timestamp)
+        {
+            sender.sendMediaData(timestamp, test::durationOf(timestamp), test::mediaOf(timestamp));
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    if (arguments.size() == 2 && arguments[0] == "receiver")
+    {
+        // SIGTERM is taken by this thread alone, in sigwait; the receiver's threads inherit the mask.
+        sigset_t terminate;
+        sigemptyset(&terminate);
+        sigaddset(&terminate, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &terminate, nullptr);
+        PcmDepayloader depayloader;
+        Receiver receiver;
+        std::uint64_t frames = 0, lost = 0, corrupt = 0, last = 0;
+        receiver.addDepayloader(depayloader);
+        receiver.setStateChangedCallback([&](Receiver::State state) {
+            if (state == Receiver::State::Running)
+                std::printf("running\n"), std::fflush(stdout), last = 0;
+        });
+        receiver.setMediaDataCallback([&](unsigned long long timestamp, unsigned long long duration,
+                                          const std::vector<unsigned char>& media) {
+            ++frames;
+            lost += last != 0 && timestamp > last + 1 ? timestamp - last - 1 : 0;
+            corrupt += duration != test::durationOf(timestamp) || media != test::mediaOf(timestamp);
+            last = timestamp;
+        });
+        receiver.initializeReceiver(arguments[1]);
+        int signal = 0;
+        sigwait(&terminate, &signal);
+        receiver.shutdownReceiver();
+        std::printf("frames %llu lost %llu corrupt %llu\n", static_cast<unsigned long long>(frames),
+                    static_cast<unsigned long long>(lost), static_cast<unsigned long long>(corrupt));
+        return 0;
+    }
+    if (arguments.size() == 4 && arguments[0] == "push")
+    {
+        const auto user = static_cast<uid_t>(std::stoul(arguments[2]));
+        if (setgid(user) != 0 || setuid(user) != 0)
+            return 3;
+        Buffer frame;
+        payloader.produceFramePacket(frame, static_cast<unsigned short>(std::stoul(arguments[3])), 7,
+                                     test::durationOf(7), test::mediaOf(7));
+        return test::NanomsgPeer(NN_PUSH, arguments[1]).send(frame) ? 0 : 1;
+    }
+    return 2;
+}

@@ -1,0 +1,224 @@
+// Faults around a stream, as they come in production: senders and receivers killed, stopped,
+// restarted and coming and going in processes of their own, thousands of set-ups, peers of
+// other users, and greetings no sender would send. Nothing may stall the producer, corrupt a
+// frame or leave anything behind.
+
+#include "StreamFixture.h"
+
+#include <malloc.h>
+
+#include <random>
+
+namespace vrx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FaultTest : public ReceiverTest
+{
+protected:
+    std::unique_ptr<ChildProcess> startReceiver()
+    {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{VRX_TEST_PEER, "receiver", m_address});
+    }
+
+    /// Descriptors and threads of another process.
+    static std::pair<long, long> resourcesOf(pid_t pid)
+    {
+        const auto entries = [pid](const char* kind) {
+            const fs::path directory = "/proc/" + std::to_string(pid) + "/" + kind;
+            return std::distance(fs::directory_iterator(directory), fs::directory_iterator{});
+        };
+        return {entries("fd"), entries("task")};
+    }
+};
+
+TEST_F(FaultTest, ReceiversFollowASenderRestartedFiftyTimesWithoutGrowing)
+{
+    ASSERT_TRUE(startSender());
+    std::vector<std::unique_ptr<ChildProcess>> receivers;
+    receivers.push_back(startReceiver());
+    receivers.push_back(startReceiver());
+    std::vector<std::pair<long, long>> baseline;
+    for (const auto& receiver : receivers)
+    {
+        ASSERT_TRUE(receiver->waitFor("running"));
+        baseline.push_back(resourcesOf(receiver->pid()));
+    }
+    for (long restart = 1; restart <= 50; ++restart)
+    {
+        SCOPED_TRACE(restart);
+        m_sender.shutdownSender();
+        ASSERT_TRUE(startSender());
+        for (const auto& receiver : receivers)
+            ASSERT_TRUE(receiver->waitFor("running", restart + 1)) << "each receiver follows every time";
+    }
+    for (std::size_t index = 0; index < receivers.size(); ++index)
+        EXPECT_TRUE(waitFor([&] { return resourcesOf(receivers[index]->pid()) == baseline[index]; }))
+            << "descriptors and threads of receiver " << index;
+}
+
+TEST_F(FaultTest, AStoppedReceiverNeitherStallsTheSenderNorCostsAnotherAFrame)
+{
+    ASSERT_TRUE(startSender());
+    const auto stopped = startReceiver(), other = startReceiver();
+    ASSERT_TRUE(stopped->waitFor("running") && other->waitFor("running"));
+    auto slowestSend = std::chrono::steady_clock::duration::zero();
+    auto due = std::chrono::steady_clock::now();
+    for (int frame = 0; frame < 700; ++frame, ++m_timestamp)
+    {
+        if (frame == 100)
+            kill(stopped->pid(), SIGSTOP);
+        if (frame == 600)
+            kill(stopped->pid(), SIGCONT);
+        const auto start = std::chrono::steady_clock::now();
+        m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp));
+        slowestSend = std::max(slowestSend, std::chrono::steady_clock::now() - start);
+        std::this_thread::sleep_until(due += 5ms); // 200 frames/s
+    }
+    EXPECT_LT(slowestSend, 1s) << "the stop lasted 2.5 s: a send that waited for it would show";
+    other->stop(SIGTERM);
+    stopped->stop(SIGTERM);
+    EXPECT_THAT(other->lines().back(), ::testing::MatchesRegex("frames [1-9][0-9]+ lost 0 corrupt 0"));
+    EXPECT_THAT(stopped->lines().back(), ::testing::EndsWith(" corrupt 0"));
+}
+
+TEST_F(FaultTest, ReceiversComingAndGoingAtRandomLeaveNothingInTheSender)
+{
+    ASSERT_TRUE(startSender());
+    const ProcessResources baseline = processResources();
+    std::atomic<bool> streaming{true};
+    std::thread producer([&] {
+        for (auto due = std::chrono::steady_clock::now(); streaming;
+             std::this_thread::sleep_until(due += 1ms))
+            m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp)), ++m_timestamp;
+    });
+    {
+        std::mt19937 random(7);
+        std::vector<std::unique_ptr<ChildProcess>> receivers;
+        for (int joined = 0; joined < 200; ++joined)
+        {
+            receivers.push_back(startReceiver());
+            if (random() % 2 == 0)
+                receivers.back()->waitFor("running");
+            while (receivers.size() > random() % 4)
+            {
+                const auto leaving = receivers.begin() + static_cast<long>(random() % receivers.size());
+                (*leaving)->stop(random() % 2 == 0 ? SIGKILL : SIGTERM);
+                receivers.erase(leaving);
+            }
+        }
+    }
+    EXPECT_TRUE(waitFor([&] { return !m_sender.areThereClientConnections(); }));
+    streaming = false;
+    producer.join();
+    EXPECT_TRUE(settlesAt(baseline));
+}
+
+TEST(SetUpCycles, AThousandOfEachEndLeaveNoDescriptorThreadMemoryOrFile)
+{
+    ScratchTmpdir scratch;
+    const std::string address = uniqueSocketAddress();
+    Sender sender;
+    Receiver receiver;
+    const auto cycle = [&](int times) {
+        for (int index = 0; index < times; ++index)
+        {
+            EXPECT_TRUE(sender.initializeSender(address, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
+                                                NanomsgProtocol::PubSub));
+            sender.shutdownSender();
+            EXPECT_TRUE(receiver.initializeReceiver(address + "-none"));
+            receiver.shutdownReceiver();
+        }
+    };
+    cycle(20); // logging, nanomsg and the allocator settle
+    const ProcessResources baseline = processResources();
+    const std::size_t allocated = mallinfo2().uordblks;
+    cycle(1000);
+    EXPECT_TRUE(settlesAt(baseline));
+    EXPECT_TRUE(fs::is_empty(scratch.path()));
+    // Counted where the allocator is glibc's (the sanitizers bring their own, and LeakSanitizer).
+    EXPECT_LT(mallinfo2().uordblks, allocated + 64 * 1024);
+}
+
+TEST_F(FaultTest, APipelineSendWaitsForAStoppedReceiverUntilSendingIsDisabled)
+{
+    ASSERT_TRUE(startSender(NanomsgProtocol::Pipeline));
+    const auto receiver = startReceiver();
+    ASSERT_TRUE(receiver->waitFor("running"));
+    kill(receiver->pid(), SIGSTOP);
+    std::atomic<bool> streaming{true};
+    std::atomic<std::int64_t> sendStarted{0}; // steady-clock ticks; 0 between sends
+    std::thread producer([&] {
+        while (streaming)
+        {
+            sendStarted = std::chrono::steady_clock::now().time_since_epoch().count();
+            m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp));
+            ++m_timestamp;
+            sendStarted = 0;
+        }
+    });
+    const auto waitingFor = [&] {
+        const std::int64_t started = sendStarted;
+        return std::chrono::steady_clock::duration(
+            started == 0 ? 0 : std::chrono::steady_clock::now().time_since_epoch().count() - started);
+    };
+    EXPECT_TRUE(waitFor([&] { return waitingFor() > 300ms; })) << "nanomsg's push waits for its stopped peer";
+    m_sender.disableSend(true);
+    EXPECT_TRUE(waitFor([&] { return waitingFor() < 300ms; }, 2s))
+        << "a disable releases the waiting send at once";
+    streaming = false;
+    producer.join();
+}
+
+TEST_F(FaultTest, AnyLocalUserReadsTheGreetingAndPushesToAPipelineReceiver)
+{
+    // Another user where this process may become one, else this user.
+    const uid_t user = getuid() == 0 ? 65534 : getuid();
+    ASSERT_TRUE(startSender(NanomsgProtocol::Pipeline));
+    ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && stream(1));
+    const std::string uri =
+        "ipc://" + (fs::directory_iterator(m_scratch.path())->path() / "nanomsgChannel.ipc").string();
+    const Buffer greeting = produceInitialInfoPacket(
+        {1, "127.0.0.1", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline, uri});
+
+    // The sidechannel is an abstract socket: no file, no permission to pass.
+    const pid_t reader = fork();
+    if (reader == 0)
+        _exit(setgid(user) == 0 && setuid(user) == 0 && SidechannelClient(m_address).readMessage() == greeting
+                  ? 0
+                  : 1);
+    int status = -1;
+    waitpid(reader, &status, 0);
+    EXPECT_EQ(status, 0) << "user " << user << " reads the greeting";
+
+    // A pipeline receiver's socket file is writable for everyone.
+    fs::permissions(m_scratch.path(), fs::perms::others_exec, fs::perm_options::add);
+    const ChildProcess pusher({VRX_TEST_PEER, "push", uri, std::to_string(user), "1"});
+    EXPECT_TRUE(waitFor([&] { return std::ranges::count(m_callbacks.seen().frames, 7u) == 1; }))
+        << "user " << user << " pushes a frame the receiver delivers";
+    EXPECT_TRUE(m_callbacks.seen().intact);
+}
+
+TEST_F(FaultTest, AGreetingCutShortOrOfNoLengthIsLoggedAndTheConnectionRebuilt)
+{
+    FakeSender fake(m_address, m_scratch.path());
+    ASSERT_TRUE(m_receiver.initializeReceiver(m_address));
+    for (const auto& [name, send] : std::initializer_list<std::pair<const char*, std::function<void()>>>{
+             {"a length prefix of 0", [&] { fake.send({}), fake.send(fake.greeting()); }},
+             {"a sender gone in the middle of its greeting",
+              [&] { fake.send(fake.greeting(), 9, [&] { fake.disconnect(); }); }}})
+    {
+        SCOPED_TRACE(name);
+        m_log.clear();
+        ASSERT_TRUE(fake.accept());
+        send();
+        ASSERT_TRUE(m_log.waitFor("ERROR Could not get initial info; restarting connection attempt"));
+        EXPECT_EQ(m_log.lines("DEBUG VRX"), LogLines{"DEBUG VRX sidechannel socket got closed"});
+    }
+    ASSERT_TRUE(fake.accept() && fake.send(fake.greeting()));
+    EXPECT_TRUE(m_callbacks.waitFor("state running")) << "the next greeting is taken as the first";
+}
+
+} // namespace
+} // namespace vrx::test

@@ -20,6 +20,7 @@ packages=(
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libgstreamer1.0-dev
+    libsndfile1-dev libcli11-dev
 )
 
 setup() {

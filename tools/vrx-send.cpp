@@ -39,6 +39,8 @@ constexpr TimeValue oneSecond = 1'000'000'000;
 // before the sender goes (nanomsg drops what it has not written when a socket closes).
 constexpr TimeValue lingerAfterEnd = 200'000'000;
 constexpr TimeValue clockSyncTimeout = 5 * oneSecond;
+// Long enough for a receiver's data channel to connect after its greeting.
+constexpr TimeValue reannounceDelay = 100'000'000;
 
 struct Options
 {
@@ -285,7 +287,19 @@ public:
             close(m_timerFD);
     }
 
-    void start() { m_thread = std::thread(&Producer::run, this); }
+    /// Starts the first sequence on the calling thread, right after the sender came up (a
+    /// receiver that connects before it has no format in its greeting), then the thread.
+    void start()
+    {
+        m_format = m_source.format();
+        prepareSequence(*m_format);
+        announceSequence(*m_format);
+        // Such a receiver's data channel may not have been up for the SequenceInfo either:
+        // it hears the format again a moment later, in a sequence of its own.
+        if (m_sender.areThereClientConnections())
+            m_reannounceAt = now() + reannounceDelay;
+        m_thread = std::thread(&Producer::run, this);
+    }
 
     /// Ends the producer at its next wait; a send held up by the channel needs disableSend.
     void stop()
@@ -317,57 +331,81 @@ private:
 
     void produce()
     {
+        // Waiting comes after the first sequence has started, so that a receiver learns the
+        // format from its greeting rather than from a SequenceInfo that its connecting data
+        // channel could miss, and with it every frame of the sequence.
         if (m_options.waitForReceiver && !waitForReceiver())
             return;
-        const bool pipeline = m_options.protocol == vrx::NanomsgProtocol::Pipeline;
-        std::optional<StreamFormat> current;
-        std::size_t framesPerPacket = 0;
-        TimeValue segmentStart = 0; // deadline of the first frame in the current format
-        std::uint64_t segmentFrames = 0;
-        TimeValue nextDeadline = 0;
-
         while (!m_stopRequested && !m_source.finished())
         {
-            const StreamFormat format = m_source.format();
-            if (format != current)
+            if (m_reannounceAt != 0 && now() >= m_reannounceAt)
             {
-                // A new format: a new sequence, announced before its first frame.
-                current = format;
-                m_payloader.setNewFormat(format.sampleRate, format.channels, format.sampleFormat);
-                m_sender.setCurrentPayloader(m_payloader);
-                inSend([this] { m_sender.startNewSequence(); });
-                m_stats.startSequence(format);
-                framesPerPacket = std::max<std::size_t>(1, format.sampleRate * m_options.frameMs / 1000);
-                m_frame.resize(std::max(m_frame.size(), framesPerPacket * format.frameBytes()));
-                segmentStart = nextDeadline;
-                segmentFrames = 0;
+                m_reannounceAt = 0;
+                m_announcePending = true;
             }
-            const std::size_t frames = m_source.read(m_frame, framesPerPacket);
-            if (frames == 0)
-                continue;
-            if (nextDeadline == 0) // the clock starts with the first frame that is ready
-                segmentStart = nextDeadline = now();
-            const TimeValue deadline = nextDeadline;
-            segmentFrames += frames;
-            nextDeadline = segmentStart + framesToNs(segmentFrames, format.sampleRate);
-            if (!waitUntil(deadline))
-                break;
-
-            const vrx::ByteSpan samples(m_frame.data(), frames * format.frameBytes());
-            // On a network clock the frame carries the deadline as that clock reads it.
-            const TimeValue timestamp =
-                m_netClock != nullptr ? deadline + (m_netClock->getSynchronizedTime() - now()) : deadline;
-            // A pipeline sender waits for a receiver to take each frame; with none, nothing waits.
-            if (pipeline && !m_sender.areThereClientConnections())
-                ++m_skipped;
-            else
-                inSend([&] { m_sender.sendMediaData(timestamp, nextDeadline - deadline, samples); });
-            const TimeValue sent = now();
-            m_stats.addFrame(deadline, nextDeadline - deadline, samples, sent,
-                             static_cast<std::int64_t>(sent - deadline));
+            const StreamFormat format = m_source.format();
+            if (format != m_format)
+            {
+                m_format = format;
+                prepareSequence(format);
+                m_announcePending = true;
+            }
+            const std::size_t frames = m_source.read(m_frame, m_framesPerPacket);
+            if (frames > 0 && !sendFrame(format, frames))
+                return;
         }
-        if (nextDeadline != 0 && !m_stopRequested)
-            waitUntil(nextDeadline + lingerAfterEnd);
+        if (m_nextDeadline != 0 && !m_stopRequested)
+            waitUntil(m_nextDeadline + lingerAfterEnd);
+    }
+
+    void prepareSequence(const StreamFormat& format)
+    {
+        m_payloader.setNewFormat(format.sampleRate, format.channels, format.sampleFormat);
+        m_sender.setCurrentPayloader(m_payloader);
+        m_framesPerPacket = std::max<std::size_t>(1, format.sampleRate * m_options.frameMs / 1000);
+        m_frame.resize(std::max(m_frame.size(), m_framesPerPacket * format.frameBytes()));
+        m_segmentStart = m_nextDeadline;
+        m_segmentFrames = 0;
+    }
+
+    void announceSequence(const StreamFormat& format)
+    {
+        inSend([this] { m_sender.startNewSequence(); });
+        m_stats.startSequence(format);
+    }
+
+    /// Waits for the frame's deadline and sends it; false when stopped first.
+    bool sendFrame(const StreamFormat& format, std::size_t frames)
+    {
+        if (m_nextDeadline == 0) // the clock starts with the first frame that is ready
+            m_segmentStart = m_nextDeadline = now();
+        const TimeValue deadline = m_nextDeadline;
+        m_segmentFrames += frames;
+        m_nextDeadline = m_segmentStart + framesToNs(m_segmentFrames, format.sampleRate);
+        if (!waitUntil(deadline))
+            return false;
+
+        // A sequence is announced right before its first frame, when the previous frame has
+        // had a whole frame's time to leave: the channel takes one packet at a time and drops
+        // what it cannot take, and a receiver that misses a SequenceInfo skips its sequence.
+        if (m_announcePending)
+        {
+            m_announcePending = false;
+            announceSequence(format);
+        }
+        const vrx::ByteSpan samples(m_frame.data(), frames * format.frameBytes());
+        const TimeValue duration = m_nextDeadline - deadline;
+        // On a network clock the frame carries the deadline as that clock reads it.
+        const TimeValue timestamp =
+            m_netClock != nullptr ? deadline + (m_netClock->getSynchronizedTime() - now()) : deadline;
+        // A pipeline sender waits for a receiver to take each frame; with none, nothing waits.
+        if (m_options.protocol == vrx::NanomsgProtocol::Pipeline && !m_sender.areThereClientConnections())
+            ++m_skipped;
+        else
+            inSend([&] { m_sender.sendMediaData(timestamp, duration, samples); });
+        const TimeValue sent = now();
+        m_stats.addFrame(deadline, duration, samples, sent, static_cast<std::int64_t>(sent - deadline));
+        return true;
     }
 
     template <typename Send>
@@ -403,7 +441,7 @@ private:
         {}
         std::uint64_t expirations = 0;
         if (fds[0].revents != 0 && ::read(m_timerFD, &expirations, sizeof(expirations)) < 0)
-            return !m_stopRequested;
+            return false; // a timer that cannot be read would never pace again
         return fds[1].revents == 0;
     }
 
@@ -420,6 +458,16 @@ private:
     StreamStats& m_stats;
     vrx::PcmPayloader m_payloader;
     vrx::Buffer m_frame;
+    // Producer thread only, once started.
+    std::optional<StreamFormat> m_format; // of the current sequence
+    std::size_t m_framesPerPacket = 0;
+    TimeValue m_reannounceAt = 0;
+    bool m_announcePending = false; // a new sequence goes out with the next frame
+    // The schedule: a format's frames start at its first deadline plus the samples before
+    // them divided by the rate, so that rounding never accumulates.
+    TimeValue m_segmentStart = 0;
+    std::uint64_t m_segmentFrames = 0;
+    TimeValue m_nextDeadline = 0; // 0 until the first frame
     int m_timerFD = -1;
     WakeUpEvent& m_stop;
     WakeUpEvent m_done;
@@ -444,8 +492,8 @@ bool parseTimeServer(Options& options)
     unsigned char address[sizeof(in6_addr)];
     if (inet_pton(AF_INET, ip.c_str(), address) != 1 && inet_pton(AF_INET6, ip.c_str(), address) != 1)
         return false;
-    std::string portError = text.substr(colon + 1);
-    if (!wholeNumberIn(1, 65535)(portError).empty())
+    std::string port = text.substr(colon + 1);
+    if (!wholeNumberIn(1, 65535)(port).empty())
         return false;
     options.timeServerIP = ip;
     options.timeServerPort = static_cast<unsigned int>(std::stoul(text.substr(colon + 1)));

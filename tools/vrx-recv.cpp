@@ -21,6 +21,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
 #include <cmath>
 #include <cstring>
 
@@ -50,8 +55,19 @@ TimeValue now()
 
 // ---- Output ------------------------------------------------------------------------------
 
-/// Where the samples go: audio files, raw standard output, or nowhere. Used by the receiver
-/// thread while the receiver runs and by the main thread after it has stopped, never by both.
+enum class StopReason
+{
+    None,
+    Signal,
+    Duration,
+    FrameLimit,
+    SenderGone,
+    ReaderGone,
+    Failed,
+};
+
+/// Where the samples go: audio files, raw standard output, or nowhere. Used by the writer
+/// thread while it runs and by the main thread after it has ended, never by both.
 class Output
 {
 public:
@@ -187,26 +203,128 @@ private:
     bool m_readerGone = false;
 };
 
-// ---- Receiving ---------------------------------------------------------------------------
+// ---- Writer thread ---------------------------------------------------------------------
 
-enum class StopReason
+/// Runs the output on a thread of its own, so that a slow disk or pipe never holds up the
+/// receiver thread: the data channel holds about one frame, and a receiver that falls further
+/// behind loses frames. Up to 64 MiB wait to be written; beyond that, frames are dropped and
+/// counted. Sample buffers are reused.
+class Writer
 {
-    None,
-    Signal,
-    Duration,
-    FrameLimit,
-    SenderGone,
-    ReaderGone,
-    Failed,
+public:
+    /// Called once, on the writer thread, when the output fails; then nothing more is written.
+    using FailureCallback = std::function<void(bool readerGone)>;
+
+    Writer(Output& output, FailureCallback onFailure)
+        : m_output(output), m_onFailure(std::move(onFailure)), m_thread(&Writer::run, this)
+    {}
+    ~Writer() { finish(); }
+
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    void startSequence(const StreamFormat& format) { push(format, {}); }
+    void write(std::span<const unsigned char> samples) { push(std::nullopt, samples); }
+
+    /// Writes everything queued, then ends the thread.
+    void finish()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_finishing = true;
+        }
+        m_wake.notify_one();
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+    std::uint64_t droppedFrames() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_dropped;
+    }
+
+private:
+    static constexpr std::size_t maxQueuedBytes = 64 << 20;
+
+    struct Item
+    {
+        std::optional<StreamFormat> sequence; // else samples
+        vrx::Buffer samples;
+    };
+
+    void push(std::optional<StreamFormat> sequence, std::span<const unsigned char> samples)
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_queuedBytes + samples.size() > maxQueuedBytes)
+        {
+            ++m_dropped;
+            return;
+        }
+        vrx::Buffer buffer;
+        if (!m_spareBuffers.empty())
+        {
+            buffer = std::move(m_spareBuffers.back());
+            m_spareBuffers.pop_back();
+        }
+        buffer.assign(samples.begin(), samples.end());
+        m_queuedBytes += buffer.size();
+        m_items.push_back({sequence, std::move(buffer)});
+        m_wake.notify_one();
+    }
+
+    void run()
+    {
+        bool failed = false;
+        std::unique_lock lock(m_mutex);
+        for (;;)
+        {
+            m_wake.wait(lock, [this] { return !m_items.empty() || m_finishing; });
+            if (m_items.empty())
+                return;
+            Item item = std::move(m_items.front());
+            m_items.pop_front();
+            m_queuedBytes -= item.samples.size();
+            lock.unlock();
+            if (!failed &&
+                !(item.sequence ? m_output.startSequence(*item.sequence) : m_output.write(item.samples)))
+            {
+                failed = true;
+                m_onFailure(m_output.readerGone());
+            }
+            lock.lock();
+            m_spareBuffers.push_back(std::move(item.samples));
+        }
+    }
+
+    Output& m_output;
+    FailureCallback m_onFailure;
+    mutable std::mutex m_mutex; // guards everything below but the thread
+    std::condition_variable m_wake;
+    std::deque<Item> m_items;
+    std::vector<vrx::Buffer> m_spareBuffers;
+    std::size_t m_queuedBytes = 0;
+    std::uint64_t m_dropped = 0;
+    bool m_finishing = false;
+    std::thread m_thread; // last: it starts running in the constructor
 };
 
+// ---- Receiving ---------------------------------------------------------------------------
+
 /// The receiver's callbacks: statistics, output and the stop conditions. Everything but the
-/// first state change runs on the receiver's thread (readiness may come on the clock's).
+/// first state change runs on the receiver's thread (readiness may come on the clock's); the
+/// output is written on the writer's.
 class Recording
 {
 public:
     Recording(const Options& options, vrx::Receiver& receiver, vrx::PcmDepayloader& depayloader)
-        : m_options(options), m_receiver(receiver), m_depayloader(depayloader), m_output(options)
+        : m_options(options),
+          m_receiver(receiver),
+          m_depayloader(depayloader),
+          m_output(options),
+          m_writer(m_output, [this](bool readerGone) {
+              stop(readerGone ? StopReason::ReaderGone : StopReason::Failed);
+          })
     {
         receiver.setStateChangedCallback([this](State state) { onStateChanged(state); });
         receiver.setReceiverIsReadyCallback([this](vrx::Depayloader&, ClockType clock) { m_clock = clock; });
@@ -233,7 +351,15 @@ public:
     State state() const { return m_state; }
     ClockType lastClock() const { return m_lastClock; }
     StreamStats& stats() { return m_stats; }
-    Output& output() { return m_output; }
+    const Output& output() const { return m_output; }
+    std::uint64_t droppedByOutput() const { return m_writer.droppedFrames(); }
+
+    /// After the receiver has stopped: writes what waits, then closes the file.
+    void finishOutput()
+    {
+        m_writer.finish();
+        m_output.close();
+    }
 
 private:
     void onStateChanged(State state)
@@ -255,8 +381,7 @@ private:
         const StreamFormat format{m_depayloader.getSampleRate(), m_depayloader.getNumChannels(),
                                   m_depayloader.getSampleFormat()};
         m_stats.startSequence(format);
-        if (!m_output.startSequence(format))
-            stop(StopReason::Failed);
+        m_writer.startSequence(format);
     }
 
     void onFrame(TimeValue timestamp, TimeValue duration, const std::vector<unsigned char>& data)
@@ -272,11 +397,7 @@ private:
             m_lastClock = clock;
         }
         m_stats.addFrame(timestamp, duration, data, now(), latency);
-        if (!m_output.write(data))
-        {
-            stop(m_output.readerGone() ? StopReason::ReaderGone : StopReason::Failed);
-            return;
-        }
+        m_writer.write(data);
         ++m_frames;
         if (!m_firstTimestamp)
             m_firstTimestamp = timestamp;
@@ -292,6 +413,7 @@ private:
     vrx::Receiver& m_receiver;
     vrx::PcmDepayloader& m_depayloader;
     Output m_output;
+    Writer m_writer; // after the output, which it uses until it is destroyed
     StreamStats m_stats;
     WakeUpEvent m_stopped;
     std::atomic<StopReason> m_stopReason{StopReason::None};
@@ -324,8 +446,8 @@ std::string summaryText(Recording& recording, const Options& options)
         reason = "after " + describeSeconds(std::llround(options.durationSeconds * 1e9)) + " of stream";
         break;
     case StopReason::FrameLimit: reason = "after " + std::to_string(options.frameLimit) + " frames"; break;
-    case StopReason::SenderGone: reason = "the sender has gone"; break;
-    case StopReason::ReaderGone: reason = "standard output was closed"; break;
+    case StopReason::SenderGone: reason = "when the sender went away"; break;
+    case StopReason::ReaderGone: reason = "when standard output was closed"; break;
     case StopReason::Failed: reason = "on an error"; break;
     case StopReason::Signal:
     case StopReason::None: reason = "on a signal"; break;
@@ -348,7 +470,10 @@ std::string summaryText(Recording& recording, const Options& options)
                               (clock == ClockType::Undetermined
                                    ? ""
                                    : std::string(" (now - timestamp, ") + vrx::toString(clock) + ")")) +
-           (files.empty() ? "" : row(recording.output().files().size() > 1 ? "files" : "file", files));
+           (files.empty() ? "" : row(recording.output().files().size() > 1 ? "files" : "file", files)) +
+           (recording.droppedByOutput() == 0 ? ""
+                                             : row("dropped", std::to_string(recording.droppedByOutput()) +
+                                                                  " frames the output could not take"));
 }
 
 void describeOptions(CLI::App& app, Options& options)
@@ -422,8 +547,8 @@ int run(const Options& options, SignalDescriptor& signals)
         if (status.due(now()))
             status.show(statusText(recording, options.address));
     }
-    receiver.shutdownReceiver(); // after it, no callback runs: the output is the main thread's
-    recording.output().close();
+    receiver.shutdownReceiver(); // after it, no callback queues output any more
+    recording.finishOutput();
     status.clear();
     printNote(summaryText(recording, options));
     return recording.stopReason() == StopReason::Failed ? 1 : 0;

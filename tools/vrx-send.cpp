@@ -714,7 +714,8 @@ int run(Options& options, SignalDescriptor& signals)
     status.clear();
     const StreamSnapshot snapshot = stats.snapshot(now());
     printNote("sent " + std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) +
-              ") in " + std::to_string(snapshot.sequences) + " sequence(s)" +
+              ") in " + std::to_string(snapshot.sequences) +
+              (snapshot.sequences == 1 ? " sequence" : " sequences") +
               (producer.skippedFrames() + stalls > 0
                    ? ", dropped " + std::to_string(producer.skippedFrames() + stalls)
                    : ""));

@@ -2,9 +2,10 @@
 // files (a new file for each change of format) or raw to standard output, until a duration, a
 // number of frames, the sender's exit or a signal ends it.
 //
-// Frames and sequences arrive on the receiver's thread, which alone writes the output; the
-// main thread waits for signals and for the end, shows the status line, and after the receiver
-// has stopped closes the file, which finalises its header.
+// Frames and sequences arrive on the receiver's thread, which counts them and queues them for
+// a writer thread, so that a slow disk never holds up reception. The main thread waits for
+// signals and for the end, shows the status line, and after the receiver has stopped lets the
+// writer finish and closes the file, which finalises its header.
 
 #include "PcmSamples.h"
 #include "SoundFiles.h"

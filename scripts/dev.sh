@@ -2,7 +2,9 @@
 # One entry point for setting up, building and running the project on Debian 12.
 #
 #   scripts/dev.sh setup          install the Debian packages the project needs (as root)
-#   scripts/dev.sh demo           setup, build, run the example programs
+#   scripts/dev.sh demo           setup, build, then stream a tone from vrx-send to vrx-recv for
+#                                 three seconds into build/demo.wav and show what arrived
+#   scripts/dev.sh examples       setup, build, run the example programs in examples/
 #   scripts/dev.sh test [CONFIG]  setup, build, run the whole test suite with CTest
 #                                 CONFIG: plain (default, warnings as errors), asan (Address-
 #                                 and UndefinedBehaviorSanitizer) or tsan (ThreadSanitizer)
@@ -20,6 +22,7 @@ packages=(
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libgstreamer1.0-dev
+    libsndfile1-dev libcli11-dev nlohmann-json3-dev sox
 )
 
 setup() {
@@ -75,9 +78,43 @@ package() {
     echo "package: installed into $dir/stage without any test dependency"
 }
 
+# The tools' demo: a sender in the background, a receiver in front, and what arrived.
+demo() {
+    local bin=$root/build/tools address="vrx-demo-$$" wav=$root/build/demo.wav sender
+    echo
+    echo "== A sender: vrx-send $address"
+    echo "   streams a 440 Hz tone (48000 Hz, 2 channels, S16LE, 10 ms frames) in real time;"
+    echo "   its messages go to build/demo-send.log"
+    "$bin/vrx-send" "$address" 2>"$root/build/demo-send.log" &
+    sender=$!
+    trap 'kill "$sender" 2>/dev/null || true' EXIT
+    echo
+    echo "== What the sender announces: vrx-probe $address"
+    "$bin/vrx-probe" --timeout 5 "$address"
+    echo
+    echo "== A receiver: vrx-recv --duration 3 --out build/demo.wav $address"
+    "$bin/vrx-recv" --duration 3 --out "$wav" "$address"
+    kill -INT "$sender"
+    wait "$sender"
+    trap - EXIT
+    echo "   (frames and format: what arrived; gaps: breaks in timestamp continuity, that is frames"
+    echo "   lost on the way; latency: how long after its timestamp a frame arrived, p50 and p99)"
+    echo
+    echo "== The sender stopped; what it said:"
+    sed 's/^/   /' "$root/build/demo-send.log"
+    echo
+    echo "What arrived is in $wav ($(stat -c %s "$wav") bytes); listen with: aplay $wav"
+    echo "Next: $bin/vrx-send --help (and vrx-recv, vrx-probe), or README.md, \"Use it from a shell\"."
+}
+
 case "${1:-}" in
     setup) setup ;;
     demo)
+        setup
+        build "$root/build"
+        demo
+        ;;
+    examples)
         setup
         build "$root/build"
         "$root/build/examples/vrx_packet_roundtrip"
@@ -102,7 +139,7 @@ case "${1:-}" in
         for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
         ;;
     *)
-        sed -n '2,13p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        sed -n '2,14p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
         exit 2
         ;;
 esac

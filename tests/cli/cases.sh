@@ -1,0 +1,224 @@
+#!/usr/bin/env bash
+# The command-line tools run as a user runs them: real processes, files, pipes and sockets.
+#   cases.sh CASE TOOLS_DIR TIME_PROVIDER
+# TIME_PROVIDER is the GStreamer network time provider test peer (prints its port, serves
+# until its standard input closes).
+#
+# By design the data channel holds about 4 KB: a publish/subscribe sender drops what does not
+# fit, a pipeline sender waits (vrx-send gives up after two frames). Cases that compare samples
+# exactly leave a busy machine time to read each frame: publish/subscribe with 100 ms frames of
+# at most 2 KB (two fit when a late sender catches up), pipeline with 250 ms frames.
+case_name=$1 bin=$2 time_provider=$3
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+# A file sent with --file arrives with the same samples in the same format over either data
+# channel protocol; only frames at the start may be missing.
+file_roundtrip() {
+    local protocol frame_ms rate channels bits encoding sox_encoding
+    while read -r protocol frame_ms rate channels bits encoding sox_encoding; do
+        local addr in=in-$protocol-$bits.wav out=out-$protocol-$bits.wav
+        addr=$(address "file-$protocol-$bits")
+        sox -n -r "$rate" -c "$channels" -b "$bits" -e "$sox_encoding" "$in" synth 1.5 whitenoise vol 0.5
+        start recv vrx-recv --exit-with-sender --out "$out" "$addr"
+        timeout 60 "$bin/vrx-send" --wait-receiver --frame-ms "$frame_ms" --protocol "$protocol" --file "$in" "$addr" 2>send.err
+        finish "$last_pid"
+        [ "$status" -eq 0 ] || fail "vrx-recv exited with $status: $(cat recv.err)"
+        has_format "$out" "$rate" "$channels" "$bits" "$encoding"
+        to_raw "$in" && to_raw "$out"
+        same_samples "$in.raw" "$out.raw" $((channels * bits / 8))
+    done <<'ROWS'
+pubsub   100 8000  1 16 Signed   signed-integer
+pipeline 250 44100 2 16 Signed   signed-integer
+pipeline 250 48000 1 24 Signed   signed-integer
+pipeline 250 32000 2 32 Floating floating-point
+ROWS
+}
+
+# sox | vrx-send --stdin and vrx-recv --stdout carry raw samples unchanged in any format.
+stdin_stdout() {
+    local format rate channels frame_bytes sox_options
+    while read -r format rate channels frame_bytes sox_options; do
+        local addr
+        addr=$(address "stdin-$format")
+        # shellcheck disable=SC2086 # the sox options are words
+        sox -n -r "$rate" -c "$channels" -t raw $sox_options "in-$format.raw" synth 1 whitenoise vol 0.5
+        start recv vrx-recv --stdout --exit-with-sender "$addr" >"out-$format.raw"
+        cat "in-$format.raw" | timeout 60 "$bin/vrx-send" --stdin --rate "$rate" --channels "$channels" \
+            --format "$format" --wait-receiver --frame-ms 250 --protocol pipeline "$addr" 2>send.err
+        finish "$last_pid"
+        [ "$status" -eq 0 ] || fail "vrx-recv exited with $status: $(cat recv.err)"
+        grep -q "raw $rate Hz, $channels channel.*, $format on standard output" recv.err ||
+            fail "no format note: $(cat recv.err)"
+        same_samples "in-$format.raw" "out-$format.raw" "$frame_bytes"
+    done <<'ROWS'
+S16LE 48000 2 4 -e signed-integer -b 16 -L
+S24BE 44100 1 3 -e signed-integer -b 24 -B
+U8    8000  2 2 -e unsigned-integer -b 8
+F32BE 16000 1 4 -e floating-point -b 32 -B
+ROWS
+}
+
+# A change of format starts a new sequence, which vrx-recv writes into a new numbered file.
+format_change() {
+    local addr
+    addr=$(address files)
+    sox -n -r 48000 -c 2 -b 16 a.wav synth 0.5 whitenoise vol 0.5
+    sox -n -r 22050 -c 1 -b 24 b.wav synth 0.5 whitenoise vol 0.5
+    start recv vrx-recv --exit-with-sender --out out.wav "$addr"
+    timeout 60 "$bin/vrx-send" --wait-receiver --frame-ms 250 --protocol pipeline --file a.wav --file b.wav "$addr" 2>send.err
+    finish "$last_pid"
+    [ "$status" -eq 0 ] || fail "vrx-recv exited with $status: $(cat recv.err)"
+    has_format out.wav 48000 2 16 Signed
+    has_format out-1.wav 22050 1 24 Signed
+    [ ! -e out-2.wav ] || fail "a third file for two formats"
+    to_raw a.wav && to_raw b.wav && to_raw out.wav && to_raw out-1.wav
+    same_samples a.wav.raw out.wav.raw 4
+    cmp b.wav.raw out-1.wav.raw || fail "the second file lost samples"
+
+    # The tone alternates S16LE and F32LE every 0.1 s.
+    addr=$(address reformat)
+    start send vrx-send --reformat-every 0.1 "$addr"
+    timeout 60 "$bin/vrx-recv" --frames 25 --out tone.wav "$addr" 2>recv.err
+    [ -e tone-1.wav ] || fail "one file for two formats: $(cat recv.err)"
+    [ "$(soxi -V1 -e tone.wav)" != "$(soxi -V1 -e tone-1.wav)" ] || fail "tone.wav and tone-1.wav have one encoding"
+}
+
+# vrx-probe prints the sender's greeting and stream format, and fails cleanly without one.
+probe() {
+    local addr field
+    addr=$(address probe)
+    start send vrx-send --rate 44100 --channels 1 --format S24LE "$addr"
+    wait_for "the sender's first sequence" eval '"$bin/vrx-probe" "$addr" >probe.json && grep -q sequenceNr probe.json'
+    for field in '"version": 1' '"timeSyncProtocol": "sysclock"' '"timeSyncPort": 0' \
+        '"nanomsgProtocol": "pubsub"' "\"nanomsgUri\": \"ipc://$TMPDIR/VrxSender-" \
+        '"fourcc": "PCMA"' '"sampleRate": 44100' '"numChannels": 1' '"sampleFormat": "S24LE"'; do
+        grep -qF "$field" probe.json || fail "no $field in $(cat probe.json)"
+    done
+    # 2 when a probe came before the first sequence, which vrx-send then announces again.
+    grep -E -q '"sequenceNr": [12],' probe.json || fail "no sequence 1 or 2 in $(cat probe.json)"
+
+    status=0
+    timeout 60 "$bin/vrx-probe" --timeout 0.2 "$(address nobody)" >none.out 2>none.err || status=$?
+    [ "$status" -eq 1 ] && [ ! -s none.out ] && grep -q "no sender answers at" none.err ||
+        fail "probe without a sender: exit $status, $(cat none.out none.err)"
+
+    # A network clock: announced, and frame timestamps on it (the server runs 1000 s ahead).
+    coproc provider { "$time_provider"; }
+    pids+=("$provider_PID")
+    local port
+    read -r port <&"${provider[0]}"
+    addr=$(address netclock)
+    start send vrx-send --time-server "127.0.0.1:$port" --protocol pipeline "$addr"
+    wait_for "the sender on the network clock" eval '"$bin/vrx-probe" "$addr" >probe.json && grep -q sequenceNr probe.json'
+    for field in '"timeSyncProtocol": "gstnetclock"' '"timeSyncIPAddress": "127.0.0.1"' \
+        "\"timeSyncPort\": $port" '"nanomsgProtocol": "pipeline"'; do
+        grep -qF "$field" probe.json || fail "no $field in $(cat probe.json)"
+    done
+    timeout 60 "$bin/vrx-recv" --frames 50 "$addr" 2>recv.err
+    grep -E -q "latency +p50 -?[0-9]{1,3}\.[0-9]+ ms.*synced net clock" recv.err ||
+        fail "latency on the network clock is not that of a live stream: $(cat recv.err)"
+}
+
+# Bad arguments: one line, exit 2, nothing created under TMPDIR (not even TMPDIR itself).
+bad_arguments() {
+    local long code tool args message
+    long=$(printf 'x%.0s' {1..108})
+    echo "not audio" >not-audio.wav
+    while IFS='|' read -r code tool args message; do
+        eval "set -- $args"
+        status=0
+        timeout 60 "$bin/$tool" "$@" >out.txt 2>err.txt || status=$?
+        [ "$status" -eq "$code" ] || fail "$tool $args: exit $status, not $code: $(cat err.txt)"
+        if [ "$code" -eq 0 ]; then
+            grep -qF -- "$message" out.txt || fail "$tool $args: no '$message' in the help"
+        else
+            [ "$(wc -l <err.txt)" -eq 1 ] && grep -qF -- "$message" err.txt ||
+                fail "$tool $args: not one line with '$message': $(cat err.txt)"
+        fi
+        [ ! -e "$TMPDIR" ] || fail "$tool $args left $TMPDIR behind"
+    done <<ROWS
+2|vrx-send||ADDRESS is required
+2|vrx-send|--format S17LE a|--format: unknown sample format 'S17LE'
+2|vrx-send|--rate 0 a|--rate: must be a whole number from 1 to 768000, not '0'
+2|vrx-send|--channels 256 a|--channels: must be a whole number from 1 to 255
+2|vrx-send|--file missing.wav a|cannot read 'missing.wav'
+2|vrx-send|--file not-audio.wav a|cannot read 'not-audio.wav'
+2|vrx-send|--file a.wav --stdin a|--file excludes --stdin
+2|vrx-send|--time-server 127.0.0.1 a|--time-server: expected IP:PORT
+2|vrx-send|--protocol tcp a|--protocol: must be pubsub or pipeline
+2|vrx-send|$long|ADDRESS: too long (108 bytes)
+2|vrx-send|--log-level loud a|--log-level: must be trace, debug, info, warn or error
+2|vrx-send|--log-config missing.properties a|--log-config: cannot read 'missing.properties'
+2|vrx-recv|--out capture.xyz a|cannot tell a file format from 'capture.xyz'
+2|vrx-recv|--out a.wav --stdout a|--out excludes --stdout
+2|vrx-recv|--duration 0 a|--duration: must be a positive number
+2|vrx-recv|$long|ADDRESS: too long (108 bytes)
+2|vrx-probe|--timeout -1 a|--timeout: must be a positive number
+2|vrx-probe|$long|ADDRESS: too long (108 bytes)
+0|vrx-send|--help|Examples:
+0|vrx-recv|--help|Examples:
+0|vrx-probe|--help|Example:
+ROWS
+
+    # An address in use: the second sender says so and leaves no directory of its own.
+    local addr
+    addr=$(address taken)
+    start first vrx-send "$addr"
+    wait_for "the first sender" eval '"$bin/vrx-probe" "$addr" >/dev/null'
+    status=0
+    timeout 60 "$bin/vrx-send" "$addr" 2>second.err || status=$?
+    [ "$status" -eq 1 ] && grep -q "another sender already listens at '$addr'" second.err ||
+        fail "second sender: exit $status, $(cat second.err)"
+    [ "$(find "$TMPDIR" -mindepth 1 -maxdepth 1 | wc -l)" -eq 1 ] || fail "$(ls "$TMPDIR") under TMPDIR"
+}
+
+# SIGTERM or SIGINT during a receive: exit 0 and a WAV file whose header counts what it holds.
+signal_leaves_valid_wav() {
+    local addr signal riff data size
+    addr=$(address signal)
+    start send vrx-send "$addr"
+    for signal in TERM INT; do
+        start recv vrx-recv --out "live-$signal.wav" "$addr"
+        wait_for "samples in live-$signal.wav" file_bigger "live-$signal.wav" 20000
+        kill -"$signal" "$last_pid"
+        finish "$last_pid"
+        [ "$status" -eq 0 ] || fail "SIG$signal: exit $status: $(cat recv.err)"
+        size=$(stat -c %s "live-$signal.wav")
+        read -r riff < <(od -An -tu4 -j4 -N4 "live-$signal.wav")
+        read -r data < <(od -An -tu4 -j40 -N4 "live-$signal.wav")
+        [ "$riff" -eq $((size - 8)) ] && [ "$data" -eq $((size - 44)) ] ||
+            fail "SIG$signal: RIFF size $riff and data size $data in a file of $size bytes"
+    done
+}
+
+# TMPDIR is made once with mode 1777; a status line on a terminal only; the library's log
+# follows --log-level and --log-config.
+terminal_and_logging() {
+    local addr
+    addr=$(address terminal)
+    start send vrx-send "$addr"
+    wait_for "the sender" eval '"$bin/vrx-probe" "$addr" >/dev/null'
+    [ "$(stat -c %a "$TMPDIR")" = 1777 ] || fail "TMPDIR has mode $(stat -c %a "$TMPDIR")"
+    [ "$(grep -c "created $TMPDIR" send.err)" -eq 1 ] || fail "no single note of TMPDIR: $(cat send.err)"
+
+    timeout 60 script -qec "'$bin/vrx-recv' --duration 1 '$addr'" /dev/null >tty.out
+    grep -q $'\x1b\\[K' tty.out && grep -q "running | 48000 Hz, 2 channels, S16LE | .* dBFS | latency p50" tty.out ||
+        fail "no status line on a terminal: $(cat -v tty.out)"
+    timeout 60 "$bin/vrx-recv" --duration 0.3 "$addr" 2>plain.err
+    ! grep -q $'[\r\x1b]' plain.err || fail "a status line into a file: $(cat -v plain.err)"
+
+    timeout 60 "$bin/vrx-recv" --duration 0.1 --log-level debug "$addr" 2>debug.err
+    grep -q "vrx-recv: \[Voraxis DEBUG\] Receiver initialized" debug.err || fail "no debug records: $(cat debug.err)"
+    cat >log.properties <<PROPERTIES
+log4cplus.rootLogger=TRACE, file
+log4cplus.appender.file=log4cplus::FileAppender
+log4cplus.appender.file.File=$PWD/library.log
+log4cplus.appender.file.layout=log4cplus::PatternLayout
+log4cplus.appender.file.layout.ConversionPattern=%p %m%n
+PROPERTIES
+    timeout 60 "$bin/vrx-recv" --duration 0.1 --log-config log.properties "$addr" 2>config.err
+    grep -q "^DEBUG Receiver initialized" library.log && ! grep -q Voraxis config.err ||
+        fail "--log-config did not route the records: $(cat config.err)"
+}
+
+"$case_name"

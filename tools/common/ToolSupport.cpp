@@ -1,0 +1,391 @@
+#include "ToolSupport.h"
+
+#include "PcmSamples.h"
+
+#include <miscutils/MiscUtils.h>
+
+#include <log4cplus/configurator.h>
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/layout.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/loglevel.h>
+
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+
+namespace vrxTools {
+
+namespace {
+
+std::string& programNameStorage()
+{
+    static std::string name = "vrx";
+    return name;
+}
+
+// Notes and the status line share stderr; one lock keeps their bytes apart.
+std::mutex terminalMutex;
+bool statusLineShown = false; // terminalMutex
+
+constexpr const char* eraseLine = "\r\x1b[K";
+
+void writeToStderr(const std::string& text)
+{
+    std::size_t written = 0;
+    while (written < text.size())
+    {
+        const ssize_t result = write(STDERR_FILENO, text.data() + written, text.size() - written);
+        if (result <= 0)
+            return;
+        written += static_cast<std::size_t>(result);
+    }
+}
+
+constexpr std::string_view logLevels[] = {"trace", "debug", "info", "warn", "error"};
+
+log4cplus::LogLevel toLog4cplusLevel(const std::string& level)
+{
+    std::string upper = level;
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](unsigned char c) { return std::toupper(c); });
+    return log4cplus::getLogLevelManager().fromString(LOG4CPLUS_STRING_TO_TSTRING(upper));
+}
+
+// --help on 80 columns: descriptions wrapped under each other, and each option with only its
+// value's name (the rules between options are in the descriptions).
+class HelpFormatter : public CLI::Formatter
+{
+public:
+    HelpFormatter() { column_width(26); }
+
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        return option->get_type_name().empty() ? "" : " " + option->get_type_name();
+    }
+
+    std::string make_option_desc(const CLI::Option* option) const override
+    {
+        constexpr std::size_t width = 80 - 26;
+        std::string wrapped, line, word;
+        std::istringstream words(option->get_description());
+        while (words >> word)
+        {
+            if (!line.empty() && line.size() + 1 + word.size() > width)
+            {
+                wrapped += line + "\n";
+                line.clear();
+            }
+            line += (line.empty() ? "" : " ") + word;
+        }
+        return wrapped + line;
+    }
+};
+
+} // namespace
+
+// ---- Messages and the status line ----------------------------------------------------------
+
+void setProgramName(std::string name)
+{
+    programNameStorage() = std::move(name);
+}
+
+const std::string& programName()
+{
+    return programNameStorage();
+}
+
+void printNote(std::string_view message)
+{
+    std::lock_guard lock(terminalMutex);
+    writeToStderr((statusLineShown ? std::string(eraseLine) : std::string()) + programName() + ": " +
+                  std::string(message) + "\n");
+    statusLineShown = false;
+}
+
+StatusLine::StatusLine() : m_enabled(isatty(STDERR_FILENO) == 1)
+{}
+
+bool StatusLine::due(std::uint64_t now)
+{
+    if (!m_enabled || now < m_nextUpdate)
+        return false;
+    m_nextUpdate = now + 250'000'000;
+    return true;
+}
+
+void StatusLine::show(const std::string& text)
+{
+    if (!m_enabled)
+        return;
+    std::size_t width = 200;
+    winsize size{};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1)
+        width = size.ws_col - 1u;
+    std::lock_guard lock(terminalMutex);
+    writeToStderr(eraseLine + text.substr(0, width));
+    statusLineShown = true;
+}
+
+void StatusLine::clear()
+{
+    std::lock_guard lock(terminalMutex);
+    if (statusLineShown)
+        writeToStderr(eraseLine);
+    statusLineShown = false;
+}
+
+// ---- Command line -----------------------------------------------------------------------
+
+void addLoggingOptions(CLI::App& app, LoggingOptions& options)
+{
+    options.levelOption =
+        app.add_option("--log-level", options.level,
+                       "Level of the library's log records on stderr: trace, debug, info, warn or error "
+                       "(default warn). Example: --log-level debug")
+            ->type_name("LEVEL")
+            ->check(CLI::Validator(
+                [](std::string& level) -> std::string {
+                    std::transform(level.begin(), level.end(), level.begin(),
+                                   [](unsigned char c) { return std::tolower(c); });
+                    if (std::find(std::begin(logLevels), std::end(logLevels), level) != std::end(logLevels))
+                        return {};
+                    return "must be trace, debug, info, warn or error, not '" + level + "'";
+                },
+                ""));
+    app.add_option("--log-config", options.configFile,
+                   "log4cplus properties file configuring the library's logger \"Voraxis\" (appenders, "
+                   "layouts, levels). Example: --log-config log4cplus.properties")
+        ->type_name("FILE")
+        ->check(CLI::Validator(
+            [](std::string& path) -> std::string {
+                return access(path.c_str(), R_OK) == 0 ? "" : "cannot read '" + path + "'";
+            },
+            ""));
+}
+
+CLI::Option* addAddressArgument(CLI::App& app, std::string& address, const std::string& description)
+{
+    // The same bound as the sockets' own: sun_path less the leading 0 byte of the abstract
+    // namespace. The library would silently cut a longer name.
+    constexpr std::size_t maxLength = 107;
+    return app.add_option("ADDRESS", address, description)
+        ->required()
+        ->type_name("")
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                if (value.empty())
+                    return "must not be empty";
+                if (value.size() > maxLength)
+                    return "too long (" + std::to_string(value.size()) +
+                           " bytes); a sender's address is an abstract Unix socket name of at most " +
+                           std::to_string(maxLength) + " bytes";
+                return {};
+            },
+            ""));
+}
+
+CLI::Option* addFormatOption(CLI::App& app, const std::string& name, audioUtils::PcmFormat& format,
+                             const std::string& description)
+{
+    return app
+        .add_option_function<std::string>(
+            name, [&format](const std::string& value) { format = *parsePcmFormat(value); }, description)
+        ->type_name("FORMAT")
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                if (parsePcmFormat(value))
+                    return {};
+                std::string known;
+                for (std::uint32_t i = 0; i < audioUtils::PcmFormatCount; ++i)
+                    known += std::string(i == 0 ? "" : ", ") +
+                             audioUtils::toString(static_cast<audioUtils::PcmFormat>(i));
+                return "unknown sample format '" + value + "' (known: " + known + ")";
+            },
+            ""));
+}
+
+CLI::Validator wholeNumberIn(unsigned long low, unsigned long high)
+{
+    return CLI::Validator(
+        [low, high](std::string& value) -> std::string {
+            char* end = nullptr;
+            errno = 0;
+            const unsigned long number = std::strtoul(value.c_str(), &end, 10);
+            if (!value.empty() && value[0] != '-' && *end == '\0' && errno == 0 && number >= low &&
+                number <= high)
+                return {};
+            return "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
+                   ", not '" + value + "'";
+        },
+        "");
+}
+
+CLI::Validator positiveNumber()
+{
+    return CLI::Validator(
+        [](std::string& value) -> std::string {
+            char* end = nullptr;
+            const double number = std::strtod(value.c_str(), &end);
+            if (!value.empty() && *end == '\0' && number > 0 && number < 1e9)
+                return {};
+            return "must be a positive number, not '" + value + "'";
+        },
+        "");
+}
+
+int parseCommandLine(CLI::App& app, int argc, char** argv)
+{
+    app.formatter(std::make_shared<HelpFormatter>());
+    try
+    {
+        app.parse(argc, argv);
+        return -1;
+    }
+    catch (const CLI::CallForHelp&)
+    {
+        std::cout << app.help();
+        return 0;
+    }
+    catch (const CLI::ParseError& error)
+    {
+        printNote(std::string(error.what()) + " (see --help)");
+        return 2;
+    }
+}
+
+// ---- Set-up -----------------------------------------------------------------------------
+
+void configureLogging(const LoggingOptions& options)
+{
+    log4cplus::Logger library = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
+    if (!options.configFile.empty())
+    {
+        log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(options.configFile));
+        if (options.levelOption != nullptr && options.levelOption->count() > 0)
+            library.setLogLevel(toLog4cplusLevel(options.level));
+        return;
+    }
+    // On a terminal with a status line, a record first erases the line it would run into.
+    const std::string prefix = isatty(STDERR_FILENO) == 1 ? eraseLine : "";
+    log4cplus::SharedAppenderPtr appender(
+        new log4cplus::ConsoleAppender(true /* stderr */, true /* flush */));
+    appender->setLayout(std::make_unique<log4cplus::PatternLayout>(
+        LOG4CPLUS_STRING_TO_TSTRING(prefix + programName() + ": [%c %p] %m%n")));
+    log4cplus::Logger root = log4cplus::Logger::getRoot();
+    root.removeAllAppenders();
+    root.addAppender(appender);
+    root.setLogLevel(toLog4cplusLevel(options.level));
+    library.setLogLevel(toLog4cplusLevel(options.level));
+}
+
+std::string senderParentDirectory()
+{
+    const char* directory = std::getenv("TMPDIR");
+    return directory != nullptr ? directory : "/tmp/vrx";
+}
+
+bool ensureSenderParentDirectory()
+{
+    const std::string directory = senderParentDirectory();
+    if (directory.empty())
+    {
+        printNote("TMPDIR is set but empty; set it to the directory in which senders appear");
+        return false;
+    }
+    struct stat status
+    {};
+    if (stat(directory.c_str(), &status) == 0)
+    {
+        if (S_ISDIR(status.st_mode))
+            return true;
+        printNote(directory + " is not a directory; senders appear in the directory TMPDIR names");
+        return false;
+    }
+    if (errno == ENOENT && mkdir(directory.c_str(), 01777) == 0)
+    {
+        // The umask narrows mkdir's mode; every user's senders and receivers meet here.
+        chmod(directory.c_str(), 01777);
+        printNote("created " + directory +
+                  " (mode 1777, like /tmp), where senders appear and receivers look");
+        return true;
+    }
+    if (errno == EEXIST)
+        return true; // made by another program just now
+    printNote("cannot create " + directory + ": " + miscUtils::strerror_r_safe(errno));
+    return false;
+}
+
+int connectAbstractSocket(const std::string& address)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    // Abstract namespace: a leading 0 byte, then the name without a terminator.
+    sockaddr_un socketAddress{};
+    socketAddress.sun_family = AF_UNIX;
+    const std::size_t length = std::min(address.size(), sizeof(socketAddress.sun_path) - 1);
+    std::copy_n(address.begin(), length, socketAddress.sun_path + 1);
+    const auto addressLength = static_cast<socklen_t>(sizeof(socketAddress.sun_family) + 1 + length);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&socketAddress), addressLength) == 0)
+        return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
+
+SignalDescriptor::SignalDescriptor()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    m_fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+SignalDescriptor::~SignalDescriptor()
+{
+    if (m_fd >= 0)
+        close(m_fd);
+}
+
+int SignalDescriptor::take()
+{
+    signalfd_siginfo info{};
+    if (read(m_fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info)))
+        return static_cast<int>(info.ssi_signo);
+    return 0;
+}
+
+WakeUpEvent::WakeUpEvent() : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{}
+
+WakeUpEvent::~WakeUpEvent()
+{
+    if (m_fd >= 0)
+        close(m_fd);
+}
+
+void WakeUpEvent::notify()
+{
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(m_fd, &one, sizeof(one));
+}
+
+} // namespace vrxTools

@@ -1,0 +1,130 @@
+#pragma once
+
+// What vrx-send, vrx-recv and vrx-probe share: the command line, the library's logging, the
+// directory in which senders appear, messages and the live status line on stderr, and
+// signals as a descriptor that a poll can wait for.
+
+#include <audioutils/PcmFormat.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace vrxTools {
+
+// ---- Messages and the status line ----------------------------------------------------------
+
+/// Names the program in every message ("vrx-send"); call first.
+void setProgramName(std::string name);
+const std::string& programName();
+
+/// "<program>: <message>" as one line on stderr, on a line of its own even while a status
+/// line is shown. Safe from any thread.
+void printNote(std::string_view message);
+
+/// The one-line live status on stderr, redrawn in place with '\r'. Only when stderr is a
+/// terminal: otherwise every call does nothing, so that logs and pipes stay clean.
+class StatusLine
+{
+public:
+    StatusLine();
+    bool enabled() const { return m_enabled; }
+    /// True at most four times a second: whether to build and show a new line now.
+    bool due(std::uint64_t now);
+    /// Replaces the line, cut to the terminal's width so that it never wraps.
+    void show(const std::string& text);
+    /// Removes the line before the program prints its last words.
+    void clear();
+
+private:
+    bool m_enabled;
+    std::uint64_t m_nextUpdate = 0;
+};
+
+// ---- Command line -----------------------------------------------------------------------
+
+struct LoggingOptions
+{
+    std::string level = "warn";
+    std::string configFile;
+    CLI::Option* levelOption = nullptr;
+};
+
+/// --log-level and --log-config.
+void addLoggingOptions(CLI::App& app, LoggingOptions& options);
+
+/// The positional ADDRESS: the sender's sidechannel address, an abstract Unix socket name of
+/// 1 to 107 bytes.
+CLI::Option* addAddressArgument(CLI::App& app, std::string& address, const std::string& description);
+
+/// An option taking a sample format name such as S16LE, in any letter case.
+CLI::Option* addFormatOption(CLI::App& app, const std::string& name, audioUtils::PcmFormat& format,
+                             const std::string& description);
+
+/// A validator for whole numbers in [low, high] with a message that says so.
+CLI::Validator wholeNumberIn(unsigned long low, unsigned long high);
+/// A validator for positive decimal numbers (seconds).
+CLI::Validator positiveNumber();
+
+/// Parses the command line. Returns -1 when the program goes on, else its exit code: 0 after
+/// printing --help, 2 after printing a one-line error.
+int parseCommandLine(CLI::App& app, int argc, char** argv);
+
+// ---- Set-up -----------------------------------------------------------------------------
+
+/// Configures log4cplus, through which the library logs under the logger "Voraxis": from the
+/// properties file when one is given (with --log-level, when given too, applied to "Voraxis"
+/// afterwards), else one-line records on stderr at the chosen level.
+void configureLogging(const LoggingOptions& options);
+
+/// $TMPDIR (default /tmp/vrx): where senders create their directories and receivers watch.
+std::string senderParentDirectory();
+
+/// Creates senderParentDirectory() when it is missing, with mode 1777 like /tmp so that
+/// producers and consumers of different users meet there, and says so. False, after a
+/// message, when it is missing and cannot be made.
+bool ensureSenderParentDirectory();
+
+/// A Unix stream socket connected to the abstract socket name `address` (where a sender
+/// listens), or -1 with errno set.
+int connectAbstractSocket(const std::string& address);
+
+/// SIGINT and SIGTERM delivered through a descriptor instead of a handler. Construct it first
+/// in main: it blocks both signals in the calling thread, so every thread started afterwards
+/// (the library's too) inherits the mask and only the descriptor sees them. SIGPIPE is
+/// ignored, so that writing to a closed pipe fails with EPIPE instead of killing the program.
+class SignalDescriptor
+{
+public:
+    SignalDescriptor();
+    ~SignalDescriptor();
+    SignalDescriptor(const SignalDescriptor&) = delete;
+    SignalDescriptor& operator=(const SignalDescriptor&) = delete;
+
+    int fd() const { return m_fd; }
+    /// The pending signal's number, or 0; does not wait.
+    int take();
+
+private:
+    int m_fd = -1;
+};
+
+/// A descriptor that any thread can make readable to wake a poll (an eventfd).
+class WakeUpEvent
+{
+public:
+    WakeUpEvent();
+    ~WakeUpEvent();
+    WakeUpEvent(const WakeUpEvent&) = delete;
+    WakeUpEvent& operator=(const WakeUpEvent&) = delete;
+
+    int fd() const { return m_fd; }
+    void notify();
+
+private:
+    int m_fd = -1;
+};
+
+} // namespace vrxTools

@@ -472,8 +472,8 @@ int runReceiver(const RoleOptions& options)
             frames->measuring = true;
         if (line != "status")
             continue;
-        // The count before the highest counter, so that the frames missing behind it are never
-        // fewer than none.
+        // The count first: its acquire makes the highest counter read after it at least as new,
+        // so that the frames missing behind the highest never come out below zero.
         const std::uint64_t delivered = frames->delivered.load(std::memory_order_acquire);
         const std::uint64_t highest = frames->highest.load(std::memory_order_relaxed);
         say(1, "status %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64,
@@ -669,8 +669,12 @@ private:
 
     std::vector<std::string> roleArguments(const char* role) const
     {
-        const std::uint64_t capacity = (static_cast<std::uint64_t>(m_options.seconds) + 120) *
-                                       static_cast<std::uint64_t>(m_options.rate);
+        // Room for the window and what comes before and after it, up to 64 Mi frames (8 MiB of
+        // bits); later frames are delivered without the check for duplicates.
+        const std::uint64_t capacity =
+            std::min<std::uint64_t>((static_cast<std::uint64_t>(m_options.seconds) + 120) *
+                                        static_cast<std::uint64_t>(m_options.rate),
+                                    std::uint64_t{1} << 26);
         return {"--role",        role,
                 "--address",     m_address,
                 "--protocol",    m_options.protocol,

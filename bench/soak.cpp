@@ -696,16 +696,16 @@ private:
                              {},
                              {}};
             if (!receiver.child->await("connecting", 10'000))
-                return abort(receiver.name + " did not start");
+                return runFailed(receiver.name + " did not start");
             m_processes.push_back(std::move(receiver));
         }
         sender().child = std::make_unique<Child>(roleArguments("sender"), 0);
         if (!sender().child->await("ready", 10'000))
-            return abort("the sender did not start");
+            return runFailed("the sender did not start");
         const TimeValue started = now();
         for (std::size_t index = 1; index < m_processes.size(); ++index)
             if (!m_processes[index].child->await("first", 10'000))
-                return abort(m_processes[index].name + " got no frame within 10 s");
+                return runFailed(m_processes[index].name + " got no frame within 10 s");
         std::printf("every receiver had its first frame %.1f ms after the sender was ready\n",
                     static_cast<double>(now() - started) / 1e6);
         std::fflush(stdout);
@@ -744,7 +744,7 @@ private:
         sender().child->tell("status");
         const auto senderStatus = sender().child->take("status", 2'000);
         if (!senderStatus)
-            return abort("the sender did not answer");
+            return runFailed("the sender did not answer");
         std::uint64_t lost = 0, reconnects = 0, faults = 0;
         for (std::size_t index = 1; index < m_processes.size(); ++index)
         {
@@ -752,7 +752,7 @@ private:
             child.tell("status");
             const auto status = child.take("status", 2'000);
             if (!status)
-                return abort(m_processes[index].name + " did not answer");
+                return runFailed(m_processes[index].name + " did not answer");
             // Missing behind the highest counter it got.
             const std::uint64_t span = number(*status, 3) - number(*status, 2) + 1;
             lost += span - std::min(span, number(*status, 1));
@@ -800,7 +800,7 @@ private:
         sender().child->tell("stop");
         m_done = sender().child->await("done", 10'000);
         if (!m_done)
-            return abort("the sender did not stop");
+            return runFailed("the sender did not stop");
         // What is still on its way arrives before the receivers stop.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         for (std::size_t index = 1; index < m_processes.size(); ++index)
@@ -809,7 +809,7 @@ private:
         {
             const auto said = m_processes[index].child->await("result", 10'000);
             if (!said)
-                return abort(m_processes[index].name + " did not report");
+                return runFailed(m_processes[index].name + " did not report");
             ReceiverFigures figures;
             std::uint64_t* fields[] = {&figures.delivered,  &figures.first,      &figures.highest,
                                        &figures.duplicates, &figures.outOfOrder, &figures.corrupted,
@@ -922,7 +922,7 @@ private:
         return text;
     }
 
-    bool abort(const std::string& what)
+    bool runFailed(const std::string& what)
     {
         std::printf("run failed: %s\n", what.c_str());
         return false;

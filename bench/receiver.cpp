@@ -32,10 +32,11 @@
 // VRX_BENCH_LOG_LEVEL=DEBUG (or TRACE, ...) in the environment shows the library's log of every
 // process, with time and process id, to find out why a run failed.
 
+#include "BenchSupport.h"
+
 #include <voraxis/VrxReceiver.h>
 #include <voraxis/VrxSender.h>
 
-#include <log4cplus/configurator.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -45,10 +46,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -57,12 +56,10 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <mutex>
 #include <memory>
 #include <optional>
@@ -75,6 +72,14 @@
 namespace {
 
 using miscUtils::TimeValue;
+using vrxBench::Child;
+using vrxBench::configureLogging;
+using vrxBench::fail;
+using vrxBench::LineReader;
+using vrxBench::now;
+using vrxBench::number;
+using vrxBench::say;
+using vrxBench::words;
 
 constexpr TimeValue framePeriod = 1'000'000; // 1000 frames/s
 constexpr std::size_t mediaSize = 1920;
@@ -84,107 +89,12 @@ constexpr std::size_t mediaOffset = 20;
 // Media bytes 0 to 7 carry a frame counter, byte 8 marks the frames of the measured window.
 constexpr std::size_t measuredFlagOffset = 8;
 
-TimeValue now()
-{
-    return miscUtils::getMonotonicSysclockTime();
-}
-
 // CPU time of every thread of this process, nanomsg's workers included.
 TimeValue processCpuTime()
 {
     timespec time{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
     return static_cast<TimeValue>(time.tv_sec) * 1'000'000'000 + static_cast<TimeValue>(time.tv_nsec);
-}
-
-[[noreturn]] void fail(const char* what)
-{
-    std::fprintf(stderr, "vrx_bench_receiver: %s\n", what);
-    std::exit(1);
-}
-
-// ---- Lines between the orchestrating process and its children ------------------------------
-
-// One line to `fd` with a single write, so that lines from two threads never mix.
-void say(int fd, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void say(int fd, const char* format, ...)
-{
-    char line[256];
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = std::vsnprintf(line, sizeof(line) - 1, format, arguments);
-    va_end(arguments);
-    if (length <= 0)
-        return;
-    const std::size_t size = std::min(static_cast<std::size_t>(length), sizeof(line) - 2);
-    line[size] = '\n';
-    if (write(fd, line, size + 1) < 0)
-    {} // the reader is gone; the run fails on its side
-}
-
-class LineReader
-{
-public:
-    enum class Result
-    {
-        Line,
-        Nothing, ///< no complete line within the time-out
-        Closed,
-    };
-
-    explicit LineReader(int fd) : m_fd(fd) {}
-
-    /// Waits up to `timeoutMs` (-1: without limit) for a complete line.
-    Result read(std::string& line, int timeoutMs)
-    {
-        const TimeValue deadline = now() + static_cast<TimeValue>(std::max(timeoutMs, 0)) * 1'000'000;
-        for (;;)
-        {
-            const std::size_t end = m_buffer.find('\n');
-            if (end != std::string::npos)
-            {
-                line = m_buffer.substr(0, end);
-                m_buffer.erase(0, end + 1);
-                return Result::Line;
-            }
-            int waitMs = -1;
-            if (timeoutMs >= 0)
-            {
-                const TimeValue current = now();
-                waitMs =
-                    current >= deadline ? 0 : static_cast<int>((deadline - current + 999'999) / 1'000'000);
-            }
-            pollfd entry{m_fd, POLLIN, 0};
-            const int ready = poll(&entry, 1, waitMs);
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready <= 0)
-                return Result::Nothing;
-            char chunk[512];
-            const ssize_t count = ::read(m_fd, chunk, sizeof(chunk));
-            if (count <= 0)
-                return Result::Closed;
-            m_buffer.append(chunk, static_cast<std::size_t>(count));
-        }
-    }
-
-private:
-    int m_fd;
-    std::string m_buffer;
-};
-
-std::vector<std::string> words(const std::string& line)
-{
-    std::istringstream stream(line);
-    std::vector<std::string> result;
-    for (std::string word; stream >> word;)
-        result.push_back(word);
-    return result;
-}
-
-std::uint64_t number(const std::vector<std::string>& fields, std::size_t index)
-{
-    return index < fields.size() ? std::strtoull(fields[index].c_str(), nullptr, 10) : 0;
 }
 
 // ---- Roles: the processes of a run ---------------------------------------------------------
@@ -197,23 +107,6 @@ struct RoleOptions
     std::size_t capacity = 0;
     std::string extras; // bare receiver: steps of vrx::Receiver to add (see BareSubscriber)
 };
-
-void configureLogging()
-{
-    // Warnings and errors only, as in production: the frame path's TRACE lines are off.
-    // VRX_BENCH_LOG_LEVEL (DEBUG, TRACE, ...) shows more, with time and process id, to find
-    // out why a run failed.
-    const char* level = std::getenv("VRX_BENCH_LOG_LEVEL");
-    std::istringstream properties(std::string("log4cplus.rootLogger=") + (level != nullptr ? level : "WARN") +
-                                  ", console\n"
-                                  "log4cplus.appender.console=log4cplus::ConsoleAppender\n"
-                                  "log4cplus.appender.console.logToStdErr=true\n"
-                                  "log4cplus.appender.console.layout=log4cplus::PatternLayout\n"
-                                  "log4cplus.appender.console.layout.ConversionPattern="
-                                  "%D{%H:%M:%S.%q} [%i] %-5p %m%n\n");
-    log4cplus::PropertyConfigurator configurator(properties);
-    configurator.configure();
-}
 
 // Sends frames at 1000 frames/s, unmeasured until "go N BEGIN", then N measured ones from BEGIN
 // on the monotonic clock; "quit" ends it.
@@ -619,105 +512,6 @@ Options parseOptions(int argc, char** argv)
         usage(argv[0]);
     return options;
 }
-
-// A child process running this program with a role; its stdin and stdout are pipes to us.
-class Child
-{
-public:
-    /// `realtimePriority` above 0 runs the child with SCHED_FIFO at that priority.
-    Child(const std::vector<std::string>& arguments, int realtimePriority)
-    {
-        int toChild[2], fromChild[2];
-        if (pipe2(toChild, O_CLOEXEC) < 0 || pipe2(fromChild, O_CLOEXEC) < 0)
-            fail("cannot create pipes");
-        // The program's own path rather than /proc/self/exe, so that ps and perf show its name.
-        static const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-        std::vector<char*> argv;
-        argv.push_back(const_cast<char*>(self.c_str()));
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        m_pid = fork();
-        if (m_pid < 0)
-            fail("cannot fork");
-        if (m_pid == 0)
-        {
-            // Only async-signal-safe calls between fork and exec.
-            if (dup2(toChild[0], 0) < 0 || dup2(fromChild[1], 1) < 0)
-                _exit(127);
-            const sched_param priority{realtimePriority};
-            if (realtimePriority > 0 && sched_setscheduler(0, SCHED_FIFO, &priority) < 0)
-                _exit(126);
-            execv(self.c_str(), argv.data());
-            _exit(127);
-        }
-        close(toChild[0]);
-        close(fromChild[1]);
-        m_input = toChild[1];
-        m_output = fromChild[0];
-        m_reader = std::make_unique<LineReader>(m_output);
-    }
-
-    ~Child()
-    {
-        if (m_input >= 0)
-            close(m_input);
-        // A child that has not ended two seconds after its input closed is stopped.
-        bool ended = false;
-        for (int attempt = 0; attempt < 200 && !ended; ++attempt)
-        {
-            ended = waitpid(m_pid, nullptr, WNOHANG) != 0;
-            if (!ended)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        if (!ended)
-        {
-            std::fprintf(stderr, "stopping child %d, which did not end\n", static_cast<int>(m_pid));
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        close(m_output);
-    }
-
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    void tell(const char* line) { say(m_input, "%s", line); }
-
-    /// The fields of the first line the child says that starts with `key` (said earlier or
-    /// within `timeoutMs`); nothing when it does not come.
-    std::optional<std::vector<std::string>> await(const std::string& key, int timeoutMs)
-    {
-        const TimeValue deadline = now() + static_cast<TimeValue>(timeoutMs) * 1'000'000;
-        for (;;)
-        {
-            const auto found = m_said.find(key);
-            if (found != m_said.end())
-                return found->second;
-            const TimeValue current = now();
-            if (current >= deadline)
-                return std::nullopt;
-            std::string line;
-            if (m_reader->read(line, static_cast<int>((deadline - current) / 1'000'000) + 1) !=
-                LineReader::Result::Line)
-            {
-                if (now() >= deadline)
-                    return std::nullopt;
-                continue;
-            }
-            std::vector<std::string> fields = words(line);
-            if (!fields.empty())
-                m_said.emplace(fields[0], fields);
-        }
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_input = -1;
-    int m_output = -1;
-    std::unique_ptr<LineReader> m_reader;
-    std::map<std::string, std::vector<std::string>> m_said;
-};
 
 struct ReceiverResult
 {

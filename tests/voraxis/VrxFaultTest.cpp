@@ -65,18 +65,20 @@ TEST_F(FaultTest, AStoppedReceiverNeitherStallsTheSenderNorCostsAnotherAFrame)
     ASSERT_TRUE(stopped->waitFor("running") && other->waitFor("running"));
     auto slowestSend = std::chrono::steady_clock::duration::zero();
     auto due = std::chrono::steady_clock::now();
-    for (int frame = 0; frame < 700; ++frame, ++m_timestamp)
+    // 50 frames/s: the channel holds about two frames, so a receiver loses one only when it is
+    // held up for 40 ms, which a loaded machine does now and then at higher rates.
+    for (int frame = 0; frame < 200; ++frame, ++m_timestamp)
     {
-        if (frame == 100)
+        if (frame == 25)
             kill(stopped->pid(), SIGSTOP);
-        if (frame == 600)
+        if (frame == 175)
             kill(stopped->pid(), SIGCONT);
         const auto start = std::chrono::steady_clock::now();
         m_sender.sendMediaData(m_timestamp, durationOf(m_timestamp), mediaOf(m_timestamp));
         slowestSend = std::max(slowestSend, std::chrono::steady_clock::now() - start);
-        std::this_thread::sleep_until(due += 5ms); // 200 frames/s
+        std::this_thread::sleep_until(due += 20ms);
     }
-    EXPECT_LT(slowestSend, 1s) << "the stop lasted 2.5 s: a send that waited for it would show";
+    EXPECT_LT(slowestSend, 1s) << "the stop lasted 3 s: a send that waited for it would show";
     other->stop(SIGTERM);
     stopped->stop(SIGTERM);
     EXPECT_THAT(other->lines().back(), ::testing::MatchesRegex("frames [1-9][0-9]+ lost 0 corrupt 0"));

@@ -40,7 +40,6 @@ constexpr TimeValue oneSecond = 1'000'000'000;
 constexpr TimeValue lingerAfterEnd = 200'000'000;
 constexpr TimeValue clockSyncTimeout = 5 * oneSecond;
 // Long enough for a receiver's data channel to connect after its greeting.
-constexpr TimeValue reannounceDelay = 100'000'000;
 
 struct Options
 {
@@ -288,16 +287,13 @@ public:
     }
 
     /// Starts the first sequence on the calling thread, right after the sender came up (a
-    /// receiver that connects before it has no format in its greeting), then the thread.
+    /// receiver that connects before it has no format in its greeting, and reconnects for it
+    /// at the first frame), then the thread.
     void start()
     {
         m_format = m_source.format();
         prepareSequence(*m_format);
         announceSequence(*m_format);
-        // Such a receiver's data channel may not have been up for the SequenceInfo either:
-        // it hears the format again a moment later, in a sequence of its own.
-        if (m_sender.areThereClientConnections())
-            m_reannounceAt = now() + reannounceDelay;
         m_thread = std::thread(&Producer::run, this);
     }
 
@@ -338,11 +334,6 @@ private:
             return;
         while (!m_stopRequested && !m_source.finished())
         {
-            if (m_reannounceAt != 0 && now() >= m_reannounceAt)
-            {
-                m_reannounceAt = 0;
-                m_announcePending = true;
-            }
             const StreamFormat format = m_source.format();
             if (format != m_format)
             {
@@ -461,7 +452,6 @@ private:
     // Producer thread only, once started.
     std::optional<StreamFormat> m_format; // of the current sequence
     std::size_t m_framesPerPacket = 0;
-    TimeValue m_reannounceAt = 0;
     bool m_announcePending = false; // a new sequence goes out with the next frame
     // The schedule: a format's frames start at its first deadline plus the samples before
     // them divided by the rate, so that rounding never accumulates.

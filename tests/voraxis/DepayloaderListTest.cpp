@@ -88,15 +88,18 @@ TEST_F(DepayloaderListTest, EachPacketLeavesItsFactsSelectsItsDepayloaderAndLogs
     EXPECT_EQ(consume(frame(7, 1, 2, "xyz")),
               Lines{"no depayloader selected: frame 7, none, 4369/8738 , 22050 Hz"});
 
-    // Reset forgets the stream but not the registrations; stolen media leave no storage behind.
-    m_list.reset();
-    EXPECT_EQ(consume(frame(8, 1, 2, "")), Lines{"no depayloader selected: frame 8, none, 0/0 , 22050 Hz"});
+    // Reset forgets the stream, its media too, but not the registrations; stolen media leave no
+    // storage behind.
     consume(sequenceInfo(PcmFourcc, "\x80\xBB\x00\x00\x02\x03"sv, 9));
     EXPECT_EQ(consume(frame(9, 1, 2, "ab"))[0], "ok: frame 9, PCMA, 1/2 ab, 48000 Hz");
+    m_list.reset();
+    EXPECT_EQ(consume(frame(10, 1, 2, "")), Lines{"no depayloader selected: frame 10, none, 0/0 , 48000 Hz"});
+    consume(sequenceInfo(PcmFourcc, "\x80\xBB\x00\x00\x02\x03"sv, 11));
+    EXPECT_EQ(consume(frame(11, 3, 4, "cd"))[0], "ok: frame 11, PCMA, 3/4 cd, 48000 Hz");
     const unsigned char* const storage = m_list.getCurrentFrameMediaData().data();
     const Buffer stolen = m_list.stealCurrentFrameMediaData();
     EXPECT_EQ(std::tuple(stolen, stolen.data(), m_list.getCurrentFrameMediaData().capacity()),
-              std::tuple(bytes("ab"), storage, 0u));
+              std::tuple(bytes("cd"), storage, 0u));
 }
 
 } // namespace

@@ -46,6 +46,7 @@ TEST_F(NetTimeProviderTest, EchoesTheFirst8BytesOfARequestAndAddsItsTimeBigEndia
 TEST_F(NetTimeProviderTest, StartsAgainOnItsPortAndLeavesNothingWhenStoppedOrFailing)
 {
     const unsigned int port = m_provider.getPort();
+    const ProcessResources baseline = processResources(); // failed starts leave nothing either
     miscUtils::NetTimeProvider second;
     EXPECT_FALSE(second.start("127.0.0.1", port));
     EXPECT_FALSE(second.start("localhost", 0));
@@ -57,7 +58,6 @@ TEST_F(NetTimeProviderTest, StartsAgainOnItsPortAndLeavesNothingWhenStoppedOrFai
                         "ERROR Invalid network time provider address localhost:0",
                         "ERROR Invalid network time provider address 127.0.0.1:70000"}));
     m_provider.stop();
-    const ProcessResources baseline = processResources();
     ASSERT_TRUE(m_provider.start("127.0.0.1", port));
     ASSERT_TRUE(m_provider.start("127.0.0.1", port)) << "started again while serving, it serves anew";
     EXPECT_TRUE(settlesAt(baseline, {.threads = 1, .descriptors = anyCount}));

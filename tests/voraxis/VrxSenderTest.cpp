@@ -147,6 +147,15 @@ TEST_F(SenderTest, AFailedSetUpLeavesWhatItMadeUntilTheNextTryOrTheSenderGoes)
 {
     const ProcessResources baseline = afterAWarmUpCycle();
     auto sender = std::make_unique<Sender>();
+    {
+        // On a taken address, with no alternative to try, set-up fails at the listener, which closes
+        // its socket; the two pipes stay until the next try.
+        Sender holder;
+        ASSERT_TRUE(initialize(holder));
+        const ProcessResources held = processResources();
+        EXPECT_FALSE(initialize(*sender));
+        EXPECT_TRUE(settlesAt(held, {.descriptors = 4}));
+    }
     // The parent directory is the receivers' to watch, not the sender's to create.
     const std::string missing = m_scratch.path() + "/missing";
     m_scratch.setTmpdir(missing.c_str());

@@ -68,10 +68,10 @@ inline std::string errnoText(int errorNumber)
     return std::strerror(errorNumber) + (" (" + std::to_string(errorNumber) + ")");
 }
 
-/// A directory of its own under /tmp that TMPDIR names while the object lives; removed with
-/// its content at the end. A death test's child runs its test again from the start and dies
-/// without cleaning up: it finds the parent's directory in the environment and works there,
-/// so that the parent removes what the child leaves.
+/// A directory of its own under /tmp, named by TMPDIR from now on (every test that uses TMPDIR
+/// sets it); removed with its content at the end. A death test's child runs its test again from the start and
+/// dies without cleaning up: it finds the parent's directory in the environment and works there, so that the
+/// parent removes what the child leaves.
 class ScratchTmpdir : NonCopyable
 {
 public:
@@ -85,20 +85,17 @@ public:
     }
     ~ScratchTmpdir()
     {
-        setTmpdir(m_previousTmpdir ? m_previousTmpdir->c_str() : nullptr);
         std::error_code ignored;
         if (m_owned && unsetenv("VRX_TEST_SCRATCH") == 0)
             std::filesystem::remove_all(m_path, ignored);
     }
     const std::string& path() const { return m_path; }
-    /// Points TMPDIR elsewhere (nullptr unsets it) until the object goes.
+    /// Points TMPDIR elsewhere (nullptr unsets it).
     void setTmpdir(const char* value) const { value ? setenv("TMPDIR", value, 1) : unsetenv("TMPDIR"); }
 
 private:
     const bool m_owned;
     std::string m_path;
-    const std::optional<std::string> m_previousTmpdir =
-        std::getenv("TMPDIR") ? std::optional<std::string>(std::getenv("TMPDIR")) : std::nullopt;
 };
 
 /// An abstract socket address that no other test, in this process or another, uses.

@@ -176,8 +176,10 @@ void Sender::shutdownSender()
         m_listenerThread.join();
     // A send that had passed its enabled check still uses the channel's descriptors until the
     // wake-up byte sends it home; they must stay open until then.
-    for (unsigned int sends = m_sendsInProgress.load(); sends != 0; sends = m_sendsInProgress.load())
-        m_sendsInProgress.wait(sends);
+    {
+        std::unique_lock sends(m_nanomsgMutex);
+        m_sendsFinished.wait(sends, [this] { return m_sendsInProgress == 0; });
+    }
     lock.lock();
 
     shutdownListener();
@@ -526,14 +528,6 @@ void Sender::shutdownNanomsgMainChannel()
 
 void Sender::sendDataOverNanomsg(const ByteSpan& packet)
 {
-    // Counted before the enabled check: shutdownSender disables sending before it waits for the
-    // count to drop, so it either waits for this send or this send sees the switch.
-    ++m_sendsInProgress;
-    const auto sendDone = miscUtils::makeScopeGuard([this] {
-        if (m_sendsInProgress.fetch_sub(1) == 1)
-            m_sendsInProgress.notify_all();
-    });
-
     {
         // The lock covers the test only, never the wait, so that disableSend can always get in.
         std::lock_guard lock(m_nanomsgMutex);
@@ -542,7 +536,17 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
             LOG4CPLUS_TRACE(logger, "Cannot send anything; sending is disabled");
             return;
         }
+        // Counted with the test: shutdownSender disables sending before it waits for the count
+        // to drop, so it either waits for this send or this send sees the switch.
+        ++m_sendsInProgress;
     }
+    const auto sendDone = miscUtils::makeScopeGuard([this] {
+        // Under the lock, so that shutdownSender returns (and the sender may go) only once this
+        // thread is done with it.
+        std::lock_guard lock(m_nanomsgMutex);
+        if (--m_sendsInProgress == 0)
+            m_sendsFinished.notify_all();
+    });
     MISCUTILS_ASSERT(m_nanomsgMainFD >= 0);
     LOG4CPLUS_TRACE(logger, "Sending data with " << packet.size() << " bytes over nanomsg SP socket");
 

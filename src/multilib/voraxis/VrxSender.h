@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -121,8 +122,9 @@ private:
     // a send under m_nanomsgMutex: atomic, since the two locks never meet.
     std::atomic<bool> m_sendDisabled{false};
     // Sends between their enabled check and their last use of the channel's descriptors;
-    // shutdownSender waits for 0 before it closes them.
-    std::atomic<unsigned int> m_sendsInProgress{0};
+    // shutdownSender waits for 0 before it closes them. Both under m_nanomsgMutex.
+    unsigned int m_sendsInProgress = 0;
+    std::condition_variable m_sendsFinished;
     int m_nanomsgEndpointID = -1;
     std::string m_tempDirectory;
     std::string m_nanomsgIpcFilePath;

@@ -5,8 +5,9 @@
 //       (timestamps FIRST, FIRST + 1, ...), one per millisecond, until it is killed;
 //   vrx_test_peer receiver ADDRESS   prints "running" at each connection and, once SIGTERM has
 //       stopped it, "frames N lost L corrupt C" (lost: gaps between timestamps of a connection);
-//   vrx_test_peer push URI UID SEQUENCE   as user UID, pushes one Frame of that sequence
-//       (timestamp 7) to the pipeline channel at URI; exits 0 once it is taken.
+//   vrx_test_peer push URI UID SEQUENCE   as user UID, pushes Frames of that sequence
+//       (timestamps 1000, 1001, ...) to the pipeline channel at URI, one per 100 ms, until it
+//       is killed (a message nanomsg has taken may still be queued when a process ends).
 
 #include "Peers.h"
 
@@ -71,10 +72,15 @@ int main(int argc, char** argv)
         const auto user = static_cast<uid_t>(std::stoul(arguments[2]));
         if (setgid(user) != 0 || setuid(user) != 0)
             return 3;
-        Buffer frame;
-        payloader.produceFramePacket(frame, static_cast<unsigned short>(std::stoul(arguments[3])), 7,
-                                     test::durationOf(7), test::mediaOf(7));
-        return test::NanomsgPeer(NN_PUSH, arguments[1]).send(frame) ? 0 : 1;
+        test::NanomsgPeer pusher(NN_PUSH, arguments[1]);
+        for (std::uint64_t timestamp = 1000;; ++timestamp)
+        {
+            Buffer frame;
+            payloader.produceFramePacket(frame, static_cast<unsigned short>(std::stoul(arguments[3])),
+                                         timestamp, test::durationOf(timestamp), test::mediaOf(timestamp));
+            pusher.send(frame);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
     }
     return 2;
 }

@@ -197,7 +197,7 @@ TEST_F(FaultTest, AnyLocalUserReadsTheGreetingAndPushesToAPipelineReceiver)
     // A pipeline receiver's socket file is writable for everyone.
     fs::permissions(m_scratch.path(), fs::perms::others_exec, fs::perm_options::add);
     const ChildProcess pusher({VRX_TEST_PEER, "push", uri, std::to_string(user), "1"});
-    EXPECT_TRUE(waitFor([&] { return std::ranges::count(m_callbacks.seen().frames, 7u) == 1; }))
+    EXPECT_TRUE(waitFor([&] { return m_callbacks.seen().frames.back() >= 1000; }))
         << "user " << user << " pushes a frame the receiver delivers";
     EXPECT_TRUE(m_callbacks.seen().intact);
 }

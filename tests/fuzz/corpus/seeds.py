@@ -56,7 +56,15 @@ codec_headers = {
     "no-channels": bytes.fromhex("80BB00000002"),
     "longer": S16LE_48K_STEREO + b"more",
 }
-for target, inputs in {"consume_packet": streams, "codec_header": codec_headers}.items():
+# Greeting piece size, then per message: piece size, codec header length (see the target).
+sidechannel = {
+    "bytewise": bytes([0, 0, 0]),
+    "three-messages": bytes([3, 4, 0, 7, 1, 200, 2]),
+    "beyond-64k": bytes([31, 40, 255, 0, 181]),
+}
+
+for target, inputs in {"consume_packet": streams, "receiver_packets": streams,
+                       "codec_header": codec_headers, "sidechannel_chunks": sidechannel}.items():
     (here / target).mkdir(exist_ok=True)
     for name, data in inputs.items():
         (here / target / name).write_bytes(data)

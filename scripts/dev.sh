@@ -12,6 +12,10 @@
 #                                 into a staging directory, checking that no test dependency
 #                                 was looked up and that no test target was made
 #   scripts/dev.sh bench          setup, build and run the benchmarks in bench/
+#   scripts/dev.sh fuzz [SECONDS] setup, build the libFuzzer targets of tests/fuzz/ with clang under
+#                                 Address- and UndefinedBehaviorSanitizer (in build-fuzz/) and run
+#                                 each for SECONDS (default 30) on a scratch copy of its corpus;
+#                                 fails on any crash, hang, leak or sanitizer report
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -23,6 +27,7 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libgstreamer1.0-dev
     libsndfile1-dev libcli11-dev nlohmann-json3-dev sox
+    clang libclang-rt-14-dev
 )
 
 setup() {
@@ -107,6 +112,37 @@ demo() {
     echo "Next: $bin/vrx-send --help (and vrx-recv, vrx-probe), or README.md, \"Use it from a shell\"."
 }
 
+# Each target runs on a copy of tests/fuzz/corpus/<target>/ in build-fuzz/corpus/, so that what
+# it finds stays out of the repository. To keep a few inputs that add coverage:
+#   build-fuzz/tests/fuzz/fuzz_<target> -merge=1 tests/fuzz/corpus/<target> build-fuzz/corpus/<target>
+fuzz() {
+    local seconds=${1:-30} dir=$root/build-fuzz corpus target log failed=() start=$SECONDS
+    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DVRX_WARNINGS_AS_ERRORS=ON -DVRX_SANITIZERS=fuzzer-no-link,address,undefined \
+        -DVRX_BUILD_FUZZERS=ON -DVRX_BUILD_EXAMPLES=OFF -DVRX_BUILD_TOOLS=OFF
+    cmake --build "$dir" --parallel "$jobs" --target fuzzers
+    export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+    for corpus in "$root"/tests/fuzz/corpus/*/; do
+        target=$(basename "$corpus") log=$dir/fuzz-$target.log
+        rm -rf "$dir/corpus/$target" && mkdir -p "$dir/corpus" && cp -r "$corpus" "$dir/corpus/$target"
+        # No libFuzzer timer (-timeout=0): its SIGALRM interrupts a waiting nanomsg send, which then
+        # fails with EINTR. The targets bound every wait of their own and call a longer one a hang.
+        if ! "$dir/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=0 -print_final_stats=1 \
+                -artifact_prefix="$dir/$target-" "$dir/corpus/$target" >"$log" 2>&1 ||
+            grep -q -E 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error:' "$log"; then
+            tail -n 80 "$log"
+            failed+=("$target")
+        fi
+        echo "fuzz: $target: $(sed -n -E 's/^#([0-9]+)\s+DONE\s+cov: ([0-9]+) ft: ([0-9]+) .*exec\/s: ([0-9]+) .*/\1 runs, \4 per second, coverage \2 points, \3 features/p' "$log")," \
+             "corpus $(find "$dir/corpus/$target" -type f | wc -l) inputs ($(ls "$corpus" | wc -l) in the repository)"
+    done
+    echo "fuzz: $((SECONDS - start)) s with the build"
+    if [ ${#failed[@]} -gt 0 ]; then
+        echo "fuzz: failed: ${failed[*]} (logs and inputs in $dir)" >&2
+        exit 1
+    fi
+}
+
 case "${1:-}" in
     setup) setup ;;
     demo)
@@ -133,13 +169,17 @@ case "${1:-}" in
         setup
         package
         ;;
+    fuzz)
+        setup
+        fuzz "${2:-30}"
+        ;;
     bench)
         setup
         build "$root/build-bench" -DCMAKE_BUILD_TYPE=Release -DVRX_BUILD_BENCHMARKS=ON -DBUILD_TESTING=OFF
         for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
         ;;
     *)
-        sed -n '2,14p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        sed -n '2,18p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
         exit 2
         ;;
 esac

@@ -54,6 +54,10 @@ TimeValue now()
     return miscUtils::getMonotonicSysclockTime();
 }
 
+// A receiver also reconnects to a sender that is still there (one that it joined just before
+// a sequence began, for instance); a sender is gone when no connection comes back this soon.
+constexpr TimeValue senderGoneAfter = 1'000'000'000;
+
 // ---- Output ------------------------------------------------------------------------------
 
 enum class StopReason
@@ -347,6 +351,14 @@ public:
             m_stopped.notify();
     }
 
+    /// With --exit-with-sender, stops once the receiver has been reconnecting for long enough.
+    void checkSenderGone(TimeValue time)
+    {
+        const TimeValue since = m_reconnectingSince;
+        if (m_options.exitWithSender && since != 0 && time - since >= senderGoneAfter)
+            stop(StopReason::SenderGone);
+    }
+
     int stoppedFD() const { return m_stopped.fd(); }
     StopReason stopReason() const { return m_stopReason; }
     State state() const { return m_state; }
@@ -367,14 +379,17 @@ private:
     {
         m_state = state;
         if (state == State::Running)
+        {
             m_wasRunning = true;
+            m_reconnectingSince = 0;
+        }
         if (state != State::Connecting)
             return;
         // Reconnecting: the next frame may come after a pause that is no gap in the stream.
         m_stats.restartContinuity();
         m_clock = ClockType::Undetermined;
-        if (m_wasRunning && m_options.exitWithSender)
-            stop(StopReason::SenderGone);
+        if (m_wasRunning)
+            m_reconnectingSince = now();
     }
 
     void onNewSequence()
@@ -422,6 +437,7 @@ private:
     std::atomic<ClockType> m_clock{ClockType::Undetermined};
     std::atomic<ClockType> m_lastClock{ClockType::Undetermined};
     bool m_wasRunning = false; // receiver thread
+    std::atomic<TimeValue> m_reconnectingSince{0}; // 0 while running or before the first connection
     std::uint64_t m_frames = 0;
     std::optional<TimeValue> m_firstTimestamp;
 };
@@ -507,8 +523,8 @@ void describeOptions(CLI::App& app, Options& options)
         ->check(wholeNumberIn(1, 1'000'000'000'000));
     app.add_flag(
         "--exit-with-sender", options.exitWithSender,
-        "Stop when the sender goes away (after what it sent has arrived) instead of waiting for it to "
-        "come back.");
+        "Stop when the sender goes away (after what it sent has arrived; no sender to reconnect to for a "
+        "second) instead of waiting for it to come back.");
     addLoggingOptions(app, options.logging);
     app.footer(
         R"(Without --out or --stdout, vrx-recv only shows the stream. Ctrl-C (SIGINT) or SIGTERM stops it
@@ -545,6 +561,7 @@ int run(const Options& options, SignalDescriptor& signals)
         pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {recording.stoppedFD(), POLLIN, 0}};
         if (poll(fds, 2, 250) > 0 && fds[0].revents != 0)
             recording.stop(StopReason::Signal);
+        recording.checkSenderGone(now());
         if (status.due(now()))
             status.show(statusText(recording, options.address));
     }

@@ -26,9 +26,11 @@ namespace vrx {
 /// ipc:// path inside a private temporary directory (under $TMPDIR, default "/tmp/vrx").
 ///
 /// One producer thread calls setCurrentPayloader, startNewSequence and sendMediaData;
-/// disableSend may be called from any thread. Sends never queue: a frame that the main channel
-/// cannot take at once is dropped for that receiver. A receiver that goes away while it is
-/// greeted never raises SIGPIPE in the producer.
+/// disableSend may be called from any thread. Sends never queue. Over publish/subscribe a send
+/// never waits: a frame that a receiver's pipe cannot take at once is dropped for that
+/// receiver. Over pipeline a send waits, as nanomsg's push socket does, until the one receiver
+/// takes the frame, also while none is connected; disableSend(true) releases it. A receiver
+/// that goes away while it is greeted never raises SIGPIPE in the producer.
 class VRX_EXPORT Sender
 {
 public:

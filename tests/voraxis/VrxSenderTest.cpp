@@ -304,6 +304,13 @@ TEST_F(SenderTest, DisablingOrShuttingDownWakesASendThatWaitsForTheChannel)
                  {"TRACE Send operations are now disabled", "TRACE Send operations are now enabled",
                   "TRACE Cannot send anything; sending is disabled", "TRACE Nanomsg wakeup pipe activity"})
                 EXPECT_EQ(m_log.count(change), 1u) << change;
+            // Each disable leaves a wake-up byte that no send takes; more than the pipe holds
+            // must not block the caller.
+            auto toggles = std::async(std::launch::async, [&] {
+                for (int change = 0; change < 140'000; ++change)
+                    sender->disableSend(change % 2 == 0);
+            });
+            EXPECT_EQ(toggles.wait_for(conditionDeadline), std::future_status::ready);
         }
         sender.reset(); // shuts down a sender still initialised
         EXPECT_EQ(m_log.lines("ERROR"), LogLines{});

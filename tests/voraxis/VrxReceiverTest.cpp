@@ -148,6 +148,8 @@ TEST_F(ReceiverTest, ASecondPipelineReceiverFailsToBindGoesIdleAndStartsAfreshWh
 
     m_receiver.shutdownReceiver();
     EXPECT_TRUE(second.initializeReceiver(m_address) && callbacks.waitFor("state running"));
+    second.shutdownReceiver();
+    EXPECT_EQ(std::ranges::count(callbacks.seen().events, "failed"), 2) << "a stop is no failed attempt";
 }
 
 TEST_F(ReceiverTest, KeepsPacketsByTheirSequenceAndJudgesTheTwoChannelsApart)

@@ -100,6 +100,13 @@ TEST_F(DepayloaderListTest, EachPacketLeavesItsFactsSelectsItsDepayloaderAndLogs
     const Buffer stolen = m_list.stealCurrentFrameMediaData();
     EXPECT_EQ(std::tuple(stolen, stolen.data(), m_list.getCurrentFrameMediaData().capacity()),
               std::tuple(bytes("cd"), storage, 0u));
+
+    // Out of band, with no SequenceInfo: a registered FourCC selects its depayloader with the
+    // header given, any other none.
+    EXPECT_TRUE(m_list.setOutOfBandInfo(PcmFourcc, bytes("\x22\x56\x00\x00\x01\x03"sv)));
+    EXPECT_EQ(consume(frame(11, 5, 6, "ef"))[0], "ok: frame 11, PCMA, 5/6 ef, 22050 Hz");
+    EXPECT_FALSE(m_list.setOutOfBandInfo(0x44434241, bytes("\x80\xBB\x00\x00\x02\x03"sv)));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,11 +42,50 @@ inline TimeValue now()
     return miscUtils::getMonotonicSysclockTime();
 }
 
+/// Sleeps until the monotonic clock reads `deadline`.
+inline void sleepUntil(TimeValue deadline)
+{
+    const timespec until{static_cast<time_t>(deadline / 1'000'000'000),
+                         static_cast<long>(deadline % 1'000'000'000)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
+    {}
+}
+
 /// Ends the process with exit code 1 after printing `what` behind the program's name.
 [[noreturn]] inline void fail(const char* what)
 {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what);
     std::exit(1);
+}
+
+/// A private directory under /tmp, made $TMPDIR of this process and of the children it
+/// starts, so that a run sees only its own senders; removed with what is left in it.
+class ScratchTmpdir
+{
+public:
+    explicit ScratchTmpdir(const std::string& name) : m_path("/tmp/" + name + "-XXXXXX")
+    {
+        if (mkdtemp(m_path.data()) == nullptr || setenv("TMPDIR", m_path.c_str(), 1) != 0)
+            fail("cannot create a scratch directory");
+    }
+    ~ScratchTmpdir() { std::filesystem::remove_all(m_path); }
+    ScratchTmpdir(const ScratchTmpdir&) = delete;
+    ScratchTmpdir& operator=(const ScratchTmpdir&) = delete;
+
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+/// The median of `values`; 0 for none.
+inline double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0.0;
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 /// Library log for the processes of a run: warnings and errors only, as in production, so the
@@ -187,7 +227,7 @@ public:
         close(fromChild[1]);
         m_input = toChild[1];
         m_output = fromChild[0];
-        m_reader = std::make_unique<LineReader>(m_output);
+        m_reader = LineReader(m_output);
     }
 
     /// Ends the child as end() does with two seconds, stopping it if it has not ended by then.
@@ -223,13 +263,12 @@ public:
             if (current >= deadline)
                 return std::nullopt;
             std::string line;
-            if (m_reader->read(line, static_cast<int>((deadline - current) / 1'000'000) + 1) !=
-                LineReader::Result::Line)
-            {
-                if (now() >= deadline)
-                    return std::nullopt;
+            const LineReader::Result result =
+                m_reader.read(line, static_cast<int>((deadline - current) / 1'000'000) + 1);
+            if (result == LineReader::Result::Closed) // a child that has gone says nothing more
+                return std::nullopt;
+            if (result == LineReader::Result::Nothing)
                 continue;
-            }
             std::vector<std::string> fields = words(line);
             if (!fields.empty())
                 m_said[fields[0]].push_back(std::move(fields));
@@ -273,7 +312,7 @@ private:
     int m_output = -1;
     bool m_ended = false;
     int m_status = 0;
-    std::unique_ptr<LineReader> m_reader;
+    LineReader m_reader{-1};
     std::map<std::string, std::deque<std::vector<std::string>>> m_said;
 };
 

@@ -71,15 +71,7 @@
 
 namespace {
 
-using miscUtils::TimeValue;
-using vrxBench::Child;
-using vrxBench::configureLogging;
-using vrxBench::fail;
-using vrxBench::LineReader;
-using vrxBench::now;
-using vrxBench::number;
-using vrxBench::say;
-using vrxBench::words;
+using namespace vrxBench;
 
 constexpr TimeValue framePeriod = 1'000'000; // 1000 frames/s
 constexpr std::size_t mediaSize = 1920;
@@ -185,10 +177,7 @@ int runSender(const RoleOptions& options)
                 ++late;
             due = current;
         }
-        const timespec until{static_cast<time_t>(due / 1'000'000'000),
-                             static_cast<long>(due % 1'000'000'000)};
-        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
-        {}
+        sleepUntil(due);
         due += framePeriod;
     };
 
@@ -617,7 +606,7 @@ private:
         ++m_runs;
         const std::string path = vrx ? "vrx" : "bare";
         // Room for the latencies of the longest run.
-        const std::string capacity = std::to_string(std::max(m_longestRun, 1000) * 1000 + 1000);
+        const std::string capacity = std::to_string(m_longestRun * 1000 + 1000);
         for (int index = 0; index < receiverCount; ++index)
         {
             std::vector<std::string> arguments{"--role",    "receiver", "--path",     path,
@@ -666,7 +655,10 @@ private:
         result.startups = stream.startups;
         const auto done = stream.sender->await("done", static_cast<int>(frames) + 20'000);
         if (!done)
-            return failed("the sender did not finish");
+        {
+            report("the sender did not finish");
+            return {};
+        }
         result.expected = number(*done, 2) - number(*done, 1) + 1;
         result.senderCpu = number(*done, 3);
         result.senderLate = number(*done, 4);
@@ -678,7 +670,10 @@ private:
         {
             const auto said = receiver->await("result", 10'000);
             if (!said)
-                return failed("a receiver did not report");
+            {
+                report("a receiver did not report");
+                return {};
+            }
             result.receivers.push_back(
                 {number(*said, 1), number(*said, 4), number(*said, 5), number(*said, 6), number(*said, 7)});
         }
@@ -687,16 +682,11 @@ private:
         return result;
     }
 
+    /// Says why a run failed; false.
     static bool report(const char* what)
     {
         std::fprintf(stderr, "run failed: %s\n", what);
         return false;
-    }
-
-    static RunResult failed(const char* what)
-    {
-        std::fprintf(stderr, "run failed: %s\n", what);
-        return {};
     }
 
 public:
@@ -720,20 +710,40 @@ void reportMissedSequences(Bench& bench)
                     missed);
 }
 
-double median(std::vector<double> values)
-{
-    if (values.empty())
-        return 0.0;
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
 // The order of the four runs of repetition `repetition`: A B B A, then B A A B.
 std::vector<bool> runOrder(int repetition)
 {
     const bool first = repetition % 2 == 0;
     return {first, !first, !first, first};
+}
+
+/// Repetition `repetition` of both paths, each run handed to `add`: streaming at the same
+/// time (twice, the bare path started first every other time) or in the order of runOrder.
+/// False when a run failed.
+template <typename Add>
+bool runBothPaths(Bench& bench, bool together, int receivers, std::uint64_t frames, int repetition,
+                  const Add& add)
+{
+    if (together)
+    {
+        for (int run = 0; run < 2; ++run)
+        {
+            const auto [vrx, bare] = bench.runTogether(receivers, frames, (repetition + run) % 2 == 1);
+            if (!vrx.ok || !bare.ok)
+                return false;
+            add(true, vrx);
+            add(false, bare);
+        }
+        return true;
+    }
+    for (const bool vrx : runOrder(repetition))
+    {
+        const RunResult run = bench.runStream(vrx, receivers, frames);
+        if (!run.ok)
+            return false;
+        add(vrx, run);
+    }
+    return true;
 }
 
 int latencyFigures(Bench& bench, const Options& options)
@@ -796,23 +806,8 @@ int latencyFigures(Bench& bench, const Options& options)
                         run.lost(), run.senderLate);
             std::fflush(stdout);
         };
-        if (options.together)
-            for (int run = 0; run < 2; ++run)
-            {
-                const auto [vrx, bare] = bench.runTogether(1, frames, (repetition + run) % 2 == 1);
-                if (!vrx.ok || !bare.ok)
-                    return 1;
-                add(true, vrx);
-                add(false, bare);
-            }
-        else
-            for (const bool vrx : runOrder(repetition))
-            {
-                const RunResult run = bench.runStream(vrx, 1, frames);
-                if (!run.ok)
-                    return 1;
-                add(vrx, run);
-            }
+        if (!runBothPaths(bench, options.together, 1, frames, repetition, add))
+            return 1;
         for (std::size_t index = 0; index < figures.size(); ++index)
         {
             figures[index].vrx.push_back(sums[index * 2]);
@@ -867,23 +862,8 @@ int lossFigures(Bench& bench, const Options& options)
                         each.c_str());
             std::fflush(stdout);
         };
-        if (options.together)
-            for (int run = 0; run < 2; ++run)
-            {
-                const auto [vrx, bare] = bench.runTogether(receivers, frames, run == 1);
-                if (!vrx.ok || !bare.ok)
-                    return 1;
-                add(true, vrx);
-                add(false, bare);
-            }
-        else
-            for (const bool vrx : runOrder(0))
-            {
-                const RunResult run = bench.runStream(vrx, receivers, frames);
-                if (!run.ok)
-                    return 1;
-                add(vrx, run);
-            }
+        if (!runBothPaths(bench, options.together, receivers, frames, 0, add))
+            return 1;
         std::printf("%-10d total: vrx lost %" PRIu64 " of %" PRIu64 ", bare lost %" PRIu64 " of %" PRIu64
                     "   (target: vrx <= bare) %s\n",
                     receivers, lost[0], expected[0], lost[1], expected[1],
@@ -923,14 +903,11 @@ int startupFigures(Bench& bench, const Options& options)
 
 int orchestrate(const Options& options)
 {
-    // Every process of the run shares this private directory as $TMPDIR.
-    char scratch[] = "/tmp/vrx-bench-receiver-XXXXXX";
-    if (mkdtemp(scratch) == nullptr || setenv("TMPDIR", scratch, 1) != 0)
-        fail("cannot create a scratch directory");
+    const ScratchTmpdir scratch("vrx-bench-receiver");
     // A child that ends early must not take this process with it.
     signal(SIGPIPE, SIG_IGN);
 
-    Bench bench(scratch, options);
+    Bench bench(scratch.path(), options);
     if (!options.bareExtras.empty())
         std::printf("bare receivers add: %s\n\n", options.bareExtras.c_str());
     if (options.realtimePriority > 0)
@@ -942,7 +919,6 @@ int orchestrate(const Options& options)
         status = lossFigures(bench, options);
     if (status == 0 && options.startup)
         status = startupFigures(bench, options);
-    std::filesystem::remove_all(scratch);
     return status;
 }
 

@@ -14,6 +14,8 @@
 //
 //   vrx_bench_sender [--repetitions N] [--frames N]
 
+#include "BenchSupport.h"
+
 #include <voraxis/VrxSender.h>
 
 #include <log4cplus/configurator.h>
@@ -42,6 +44,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using vrxBench::median;
 
 struct Options
 {
@@ -67,13 +70,6 @@ Options parseOptions(int argc, char** argv)
         }
     }
     return options;
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 // An NN_SUB socket subscribed to everything, drained by its own thread, counting messages.
@@ -251,9 +247,7 @@ int main(int argc, char** argv)
     log4cplus::BasicConfigurator::doConfigure();
     log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
 
-    char scratch[] = "/tmp/vrx-bench-sender-XXXXXX";
-    if (mkdtemp(scratch) == nullptr || setenv("TMPDIR", scratch, 1) != 0)
-        return 1;
+    const vrxBench::ScratchTmpdir scratch("vrx-bench-sender");
     const std::string address = "vrx-bench-sender-" + std::to_string(getpid());
 
     vrx::PcmPayloader payloader;
@@ -265,7 +259,7 @@ int main(int argc, char** argv)
     sender.setCurrentPayloader(payloader);
     sender.startNewSequence();
     std::string senderUri;
-    for (const auto& entry : std::filesystem::directory_iterator(scratch))
+    for (const auto& entry : std::filesystem::directory_iterator(scratch.path()))
         senderUri = "ipc://" + entry.path().string() + "/nanomsgChannel.ipc";
 
     // A second sender and publisher that nobody subscribes to.
@@ -281,10 +275,10 @@ int main(int argc, char** argv)
     vrx::Buffer rawPacket;
     payloader.produceFramePacket(rawPacket, 1, 0, 10'000'000, media);
     {
-        RawPublisher raw("ipc://" + std::string(scratch) + "/raw.ipc");
-        RawPublisher lonelyRaw("ipc://" + std::string(scratch) + "/raw-alone.ipc");
+        RawPublisher raw("ipc://" + scratch.path() + "/raw.ipc");
+        RawPublisher lonelyRaw("ipc://" + scratch.path() + "/raw-alone.ipc");
         DrainedSubscriber senderSubscriber(senderUri);
-        DrainedSubscriber rawSubscriber("ipc://" + std::string(scratch) + "/raw.ipc");
+        DrainedSubscriber rawSubscriber("ipc://" + scratch.path() + "/raw.ipc");
 
         Path paths[] = {
             {"vrx::Sender::sendMediaData",
@@ -357,6 +351,5 @@ int main(int argc, char** argv)
 
     sender.shutdownSender();
     lonelySender.shutdownSender();
-    std::filesystem::remove_all(scratch);
     return 0;
 }

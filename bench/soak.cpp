@@ -91,14 +91,7 @@
 
 namespace {
 
-using miscUtils::TimeValue;
-using vrxBench::Child;
-using vrxBench::configureLogging;
-using vrxBench::fail;
-using vrxBench::LineReader;
-using vrxBench::now;
-using vrxBench::number;
-using vrxBench::say;
+using namespace vrxBench;
 
 // Media bytes 0-7 carry the frame counter, 8-15 the timestamp, the rest the pattern.
 constexpr std::size_t timestampCopyOffset = 8;
@@ -291,10 +284,7 @@ int runSender(const RoleOptions& options)
     for (;;)
     {
         writeMedia(media, counter);
-        const timespec until{static_cast<time_t>(deadline / 1'000'000'000),
-                             static_cast<long>(deadline % 1'000'000'000)};
-        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
-        {}
+        sleepUntil(deadline);
         const TimeValue before = now();
         std::memcpy(media.data() + timestampCopyOffset, &before, sizeof(before));
         sender.sendMediaData(before, options.period, media);
@@ -940,19 +930,11 @@ private:
 
 int orchestrate(const Options& options)
 {
-    // Every process of the run shares this private directory as $TMPDIR.
-    char scratch[] = "/tmp/vrx-bench-soak-XXXXXX";
-    if (mkdtemp(scratch) == nullptr || setenv("TMPDIR", scratch, 1) != 0)
-        fail("cannot create a scratch directory");
+    const ScratchTmpdir scratch("vrx-bench-soak"); // outlives the soak and its processes
     // A child that ends early must not take this process with it.
     signal(SIGPIPE, SIG_IGN);
-    int status = 0;
-    {
-        Soak soak(options);
-        status = soak.run(scratch);
-    }
-    std::filesystem::remove_all(scratch);
-    return status;
+    Soak soak(options);
+    return soak.run(scratch.path());
 }
 
 } // namespace

@@ -32,11 +32,6 @@ constexpr TimeValue sequenceInfoWait = 200'000'000;
 constexpr std::uint32_t maxMessageSize = 64 * 1024;
 constexpr int retryMs = 20;
 
-TimeValue now()
-{
-    return miscUtils::getMonotonicSysclockTime();
-}
-
 int millisecondsUntil(TimeValue deadline)
 {
     const TimeValue current = now();

@@ -49,11 +49,6 @@ struct Options
     LoggingOptions logging;
 };
 
-TimeValue now()
-{
-    return miscUtils::getMonotonicSysclockTime();
-}
-
 // A receiver also reconnects to a sender that is still there (one that it joined just before
 // a sequence began, for instance); a sender is gone when no connection comes back this soon.
 constexpr TimeValue senderGoneAfter = 1'000'000'000;
@@ -322,14 +317,16 @@ private:
 class Recording
 {
 public:
-    Recording(const Options& options, vrx::Receiver& receiver, vrx::PcmDepayloader& depayloader)
+    Recording(const Options& options, vrx::Receiver& receiver, vrx::PcmDepayloader& depayloader,
+              bool measurePeaks)
         : m_options(options),
           m_receiver(receiver),
           m_depayloader(depayloader),
           m_output(options),
           m_writer(m_output, [this](bool readerGone) {
               stop(readerGone ? StopReason::ReaderGone : StopReason::Failed);
-          })
+          }),
+          m_stats(measurePeaks)
     {
         receiver.setStateChangedCallback([this](State state) { onStateChanged(state); });
         receiver.setReceiverIsReadyCallback([this](vrx::Depayloader&, ClockType clock) { m_clock = clock; });
@@ -397,7 +394,8 @@ private:
         const StreamFormat format{m_depayloader.getSampleRate(), m_depayloader.getNumChannels(),
                                   m_depayloader.getSampleFormat()};
         m_stats.startSequence(format);
-        m_writer.startSequence(format);
+        if (m_writes)
+            m_writer.startSequence(format);
     }
 
     void onFrame(TimeValue timestamp, TimeValue duration, const std::vector<unsigned char>& data)
@@ -413,19 +411,22 @@ private:
             m_lastClock = clock;
         }
         m_stats.addFrame(timestamp, duration, data, now(), latency);
-        m_writer.write(data);
+        if (m_writes)
+            m_writer.write(data);
         ++m_frames;
         if (!m_firstTimestamp)
             m_firstTimestamp = timestamp;
-        const auto durationNs = static_cast<std::int64_t>(std::llround(m_options.durationSeconds * 1e9));
         if (m_options.frameLimit != 0 && m_frames >= m_options.frameLimit)
             stop(StopReason::FrameLimit);
-        else if (durationNs > 0 &&
-                 static_cast<std::int64_t>(timestamp + duration - *m_firstTimestamp) >= durationNs)
+        else if (m_durationNs > 0 &&
+                 static_cast<std::int64_t>(timestamp + duration - *m_firstTimestamp) >= m_durationNs)
             stop(StopReason::Duration);
     }
 
     const Options& m_options;
+    // Without a file or standard output the frames go nowhere: the writer is left idle.
+    const bool m_writes = m_options.toStdout || !m_options.outPath.empty();
+    const std::int64_t m_durationNs = std::llround(m_options.durationSeconds * 1e9);
     vrx::Receiver& m_receiver;
     vrx::PcmDepayloader& m_depayloader;
     Output m_output;
@@ -548,14 +549,14 @@ int run(const Options& options, SignalDescriptor& signals)
     vrx::PcmDepayloader depayloader; // outlives the receiver
     vrx::Receiver receiver;
     receiver.addDepayloader(depayloader);
-    Recording recording(options, receiver, depayloader);
+    StatusLine status;
+    Recording recording(options, receiver, depayloader, status.enabled());
     if (!receiver.initializeReceiver(options.address))
     {
         printNote("cannot start a receiver (--log-level debug shows why)");
         return 1;
     }
 
-    StatusLine status;
     while (recording.stopReason() == StopReason::None)
     {
         pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {recording.stoppedFD(), POLLIN, 0}};

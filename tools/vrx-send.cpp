@@ -39,7 +39,6 @@ constexpr TimeValue oneSecond = 1'000'000'000;
 // before the sender goes (nanomsg drops what it has not written when a socket closes).
 constexpr TimeValue lingerAfterEnd = 200'000'000;
 constexpr TimeValue clockSyncTimeout = 5 * oneSecond;
-// Long enough for a receiver's data channel to connect after its greeting.
 
 struct Options
 {
@@ -59,11 +58,6 @@ struct Options
     bool waitForReceiver = false;
     LoggingOptions logging;
 };
-
-TimeValue now()
-{
-    return miscUtils::getMonotonicSysclockTime();
-}
 
 // ---- Sources ---------------------------------------------------------------------------
 
@@ -486,7 +480,7 @@ bool parseTimeServer(Options& options)
     if (!wholeNumberIn(1, 65535)(port).empty())
         return false;
     options.timeServerIP = ip;
-    options.timeServerPort = static_cast<unsigned int>(std::stoul(text.substr(colon + 1)));
+    options.timeServerPort = static_cast<unsigned int>(std::stoul(port));
     return true;
 }
 
@@ -662,14 +656,14 @@ int run(Options& options, SignalDescriptor& signals)
         source = std::make_unique<StdinSource>(options.format, stop.fd());
     else
         source = std::make_unique<ToneSource>(options.toneHz, options.format, options.reformatEvery);
-    StreamStats stats;
+    StatusLine status;
+    StreamStats stats(status.enabled());
     Producer producer(sender, *source, options, netClock.get(), stats, stop);
     producer.start();
 
     // Main thread: signals, the status line, and the guard against a held-up send.
     const TimeValue stallLimit = std::max<TimeValue>(2ull * options.frameMs * 1'000'000, 50'000'000);
     std::uint64_t stalls = 0;
-    StatusLine status;
     for (;;)
     {
         pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {producer.doneFD(), POLLIN, 0}};

@@ -136,7 +136,7 @@ void StreamStats::addFrame(std::uint64_t timestamp, std::uint64_t duration,
     m_expectedTimestamp = timestamp + duration;
     ++m_frames;
     m_streamNs += duration;
-    if (m_format)
+    if (m_format && m_measurePeaks)
         accumulatePeaks(samples, m_format->sampleFormat, m_peaks);
     if (latency)
         m_latency.add(now, *latency);

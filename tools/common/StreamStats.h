@@ -82,6 +82,9 @@ struct StreamSnapshot
 class StreamStats
 {
 public:
+    /// Peak levels cost a pass over every sample; a program that shows none leaves them out.
+    explicit StreamStats(bool measurePeaks) : m_measurePeaks(measurePeaks) {}
+
     /// A sequence with this format begins: peaks are kept per channel of it, and timestamp
     /// continuity starts afresh.
     void startSequence(const StreamFormat& format);
@@ -96,6 +99,7 @@ public:
     StreamSnapshot snapshot(std::uint64_t now);
 
 private:
+    const bool m_measurePeaks;
     mutable std::mutex m_mutex;
     std::optional<StreamFormat> m_format;
     std::uint64_t m_frames = 0;

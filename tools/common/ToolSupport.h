@@ -5,6 +5,7 @@
 // signals as a descriptor that a poll can wait for.
 
 #include <audioutils/PcmFormat.h>
+#include <miscutils/MiscUtils.h>
 
 #include <CLI/CLI.hpp>
 
@@ -13,6 +14,12 @@
 #include <string_view>
 
 namespace vrxTools {
+
+/// The monotonic clock, on which the tools pace, stamp and measure frames.
+inline miscUtils::TimeValue now()
+{
+    return miscUtils::getMonotonicSysclockTime();
+}
 
 // ---- Messages and the status line ----------------------------------------------------------
 

@@ -323,9 +323,9 @@ public:
           m_receiver(receiver),
           m_depayloader(depayloader),
           m_output(options),
-          m_writer(m_output, [this](bool readerGone) {
-              stop(readerGone ? StopReason::ReaderGone : StopReason::Failed);
-          }),
+          m_writer(
+              m_output,
+              [this](bool readerGone) { stop(readerGone ? StopReason::ReaderGone : StopReason::Failed); }),
           m_stats(measurePeaks)
     {
         receiver.setStateChangedCallback([this](State state) { onStateChanged(state); });
@@ -437,7 +437,7 @@ private:
     std::atomic<State> m_state{State::Idle};
     std::atomic<ClockType> m_clock{ClockType::Undetermined};
     std::atomic<ClockType> m_lastClock{ClockType::Undetermined};
-    bool m_wasRunning = false; // receiver thread
+    bool m_wasRunning = false;                     // receiver thread
     std::atomic<TimeValue> m_reconnectingSince{0}; // 0 while running or before the first connection
     std::uint64_t m_frames = 0;
     std::optional<TimeValue> m_firstTimestamp;

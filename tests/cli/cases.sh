@@ -2,7 +2,7 @@
 # The command-line tools run as a user runs them: real processes, files, pipes and sockets.
 #   cases.sh CASE TOOLS_DIR TIME_PROVIDER
 # TIME_PROVIDER is the GStreamer network time provider test peer (prints its port, serves
-# until its standard input closes).
+# until nobody reads its standard output).
 #
 # By design the data channel holds about 4 KB: a publish/subscribe sender drops what does not
 # fit, a pipeline sender waits (vrx-send gives up after two frames). Cases that compare samples

@@ -86,8 +86,8 @@ private:
     int m_fd;
 };
 
-/// A raw nanomsg socket of `protocol` (NN_SUB, NN_PULL, NN_PUB or NN_PUSH): PULL and PUB bind
-/// the URI, SUB (subscribed to everything) and PUSH connect to it.
+/// A raw nanomsg socket of `protocol` (NN_SUB, NN_PULL or NN_PUSH): PULL binds the URI, SUB
+/// (subscribed to everything) and PUSH connect to it.
 class NanomsgPeer : NonCopyable
 {
 public:
@@ -96,7 +96,7 @@ public:
         nn_setsockopt(m_fd, NN_SUB, NN_SUB_SUBSCRIBE, "", 0); // refused by the other protocols
         const int sendTimeoutMs = static_cast<int>(conditionDeadline.count()); // a PUSH waits for its peer
         nn_setsockopt(m_fd, NN_SOL_SOCKET, NN_SNDTIMEO, &sendTimeoutMs, sizeof(sendTimeoutMs));
-        (protocol == NN_PULL || protocol == NN_PUB ? nn_bind : nn_connect)(m_fd, uri.c_str());
+        (protocol == NN_PULL ? nn_bind : nn_connect)(m_fd, uri.c_str());
     }
     ~NanomsgPeer() { nn_close(m_fd); }
     bool send(const Buffer& packet) { return nn_send(m_fd, packet.data(), packet.size(), 0) >= 0; }
@@ -157,9 +157,10 @@ public:
     }
     const std::string& uri() const { return m_uri; }
     /// The greeting of a sender with the monotonic clock whose main channel is this fake's.
-    Buffer greeting(NanomsgProtocol protocol = NanomsgProtocol::Pipeline) const
+    Buffer greeting() const
     {
-        return produceInitialInfoPacket({1, "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol, m_uri});
+        return produceInitialInfoPacket(
+            {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline, m_uri});
     }
     /// Takes the receiver's next connection (dropping the last one); false when none comes in time.
     bool accept()

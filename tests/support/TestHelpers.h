@@ -105,18 +105,18 @@ inline std::string uniqueSocketAddress()
     return "vrx-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
 }
 
-/// What this process holds: its open descriptors ("number -> target") and its threads' ids,
-/// each sorted; without the descriptor of the listing itself.
+/// What a process (this one by default) holds: its open descriptors ("number -> target") and
+/// its threads' ids, each sorted; without the descriptor of the listing itself.
 struct ProcessResources
 {
     std::vector<std::string> descriptors, threads;
 };
-inline ProcessResources processResources()
+inline ProcessResources processResources(pid_t pid = getpid())
 {
-    const std::filesystem::path self = "/proc/" + std::to_string(getpid()) + "/fd";
+    const std::filesystem::path process = "/proc/" + std::to_string(pid), self = process / "fd";
     ProcessResources resources;
     for (const auto& [directory, entries] :
-         {std::pair{self, &resources.descriptors}, {"/proc/self/task", &resources.threads}})
+         {std::pair{self, &resources.descriptors}, {process / "task", &resources.threads}})
     {
         std::error_code error; // entries may go while they are listed
         for (const auto& entry : std::filesystem::directory_iterator(directory, error))

@@ -22,14 +22,11 @@ protected:
         return std::make_unique<ChildProcess>(std::vector<std::string>{VRX_TEST_PEER, "receiver", m_address});
     }
 
-    /// Descriptors and threads of another process.
-    static std::pair<long, long> resourcesOf(pid_t pid)
+    /// How many descriptors and threads another process holds.
+    static std::pair<std::size_t, std::size_t> resourcesOf(pid_t pid)
     {
-        const auto entries = [pid](const char* kind) {
-            const fs::path directory = "/proc/" + std::to_string(pid) + "/" + kind;
-            return std::distance(fs::directory_iterator(directory), fs::directory_iterator{});
-        };
-        return {entries("fd"), entries("task")};
+        const ProcessResources resources = processResources(pid);
+        return {resources.descriptors.size(), resources.threads.size()};
     }
 };
 
@@ -39,7 +36,7 @@ TEST_F(FaultTest, ReceiversFollowASenderRestartedFiftyTimesWithoutGrowing)
     std::vector<std::unique_ptr<ChildProcess>> receivers;
     receivers.push_back(startReceiver());
     receivers.push_back(startReceiver());
-    std::vector<std::pair<long, long>> baseline;
+    std::vector<std::pair<std::size_t, std::size_t>> baseline;
     for (const auto& receiver : receivers)
     {
         ASSERT_TRUE(receiver->waitFor("running"));

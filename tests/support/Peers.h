@@ -37,17 +37,19 @@ inline void setReceiveTimeout(int fd, std::chrono::milliseconds timeout)
 class SidechannelClient : NonCopyable
 {
 public:
-    /// Connects at once; see connected().
-    explicit SidechannelClient(const std::string& address)
+    /// Connects at once, unless told to wait for connect(); see connected().
+    explicit SidechannelClient(const std::string& address, bool connectNow = true)
         : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_un to{AF_UNIX, {}};
-        const std::size_t length = std::min(address.size(), sizeof(to.sun_path) - 1);
-        std::memcpy(to.sun_path + 1, address.data(), length); // abstract: behind a 0 byte
+        const std::size_t length = std::min(address.size(), sizeof(m_to.sun_path) - 1);
+        std::memcpy(m_to.sun_path + 1, address.data(), length); // abstract: behind a 0 byte
+        m_toSize = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + length);
         setReceiveTimeout(m_fd, conditionDeadline);
-        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&to), sizeof(sa_family_t) + 1 + length) < 0)
+        if (connectNow && !connect())
             close();
     }
+    /// Connects the socket made by the constructor (no descriptor is opened here).
+    bool connect() { return ::connect(m_fd, reinterpret_cast<const sockaddr*>(&m_to), m_toSize) == 0; }
     ~SidechannelClient() { close(); }
     bool connected() const { return m_fd >= 0; }
     /// The payload of the next message, read as its 4 length bytes announce it; nothing when the
@@ -84,6 +86,8 @@ public:
 
 private:
     int m_fd;
+    sockaddr_un m_to{AF_UNIX, {}};
+    socklen_t m_toSize;
 };
 
 /// A raw nanomsg socket of `protocol` (NN_SUB, NN_PULL or NN_PUSH): PULL binds the URI, SUB
@@ -141,13 +145,15 @@ private:
 class FakeSender : NonCopyable
 {
 public:
-    FakeSender(const std::string& address, const std::string& directory)
+    /// Listens with room for `backlog` connections that wait (Linux takes one more).
+    FakeSender(const std::string& address, const std::string& directory, int backlog = 4)
         : m_uri("ipc://" + directory + "/fake.ipc")
     {
         sockaddr_un at{AF_UNIX, {}};
         std::memcpy(at.sun_path + 1, address.data(), std::min(address.size(), sizeof(at.sun_path) - 1));
         const auto size = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + address.size());
-        if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 || listen(m_listener, 4) < 0)
+        if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 ||
+            listen(m_listener, backlog) < 0)
             throw std::runtime_error("the fake sender cannot listen");
     }
     ~FakeSender()
@@ -156,11 +162,14 @@ public:
         ::close(m_listener);
     }
     const std::string& uri() const { return m_uri; }
-    /// The greeting of a sender with the monotonic clock whose main channel is this fake's.
-    Buffer greeting() const
+    /// The greeting of a pipeline sender whose main channel is this fake's (or `uri`), on the
+    /// monotonic clock or on a network clock served at 127.0.0.1:`port`.
+    Buffer greeting(unsigned int port = 0, const std::string& uri = "") const
     {
         return produceInitialInfoPacket(
-            {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline, m_uri});
+            {1, port != 0 ? "127.0.0.1" : "", static_cast<std::uint16_t>(port),
+             port != 0 ? TimeSyncProtocol::GstNetClock : TimeSyncProtocol::MonotonicSystemClock,
+             NanomsgProtocol::Pipeline, uri.empty() ? m_uri : uri});
     }
     /// Takes the receiver's next connection (dropping the last one); false when none comes in time.
     bool accept()

@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -162,6 +163,26 @@ inline ::testing::AssertionResult settlesAt(const ProcessResources& baseline, Ex
                          << "held beyond the baseline: threads " << ::testing::PrintToString(added.threads)
                          << ", descriptors " << ::testing::PrintToString(added.descriptors);
 }
+
+/// While it lives, this process can open no further descriptor: its limit is the lowest free
+/// descriptor number.
+class DescriptorLimit : NonCopyable
+{
+public:
+    DescriptorLimit()
+    {
+        getrlimit(RLIMIT_NOFILE, &m_saved);
+        const int lowestFree = dup(STDIN_FILENO);
+        ::close(lowestFree);
+        rlimit lowered = m_saved;
+        lowered.rlim_cur = static_cast<rlim_t>(lowestFree);
+        setrlimit(RLIMIT_NOFILE, &lowered);
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_saved); }
+
+private:
+    rlimit m_saved{};
+};
 
 /// Logged events, each as its level (as log4cplus names it: "TRACE", "DEBUG", "ERROR", ...), a
 /// blank, and its text.

@@ -272,6 +272,24 @@ TEST_F(SenderTest, CountsConnectionsUntilTheirReceiversCloseAndSendsToEveryPollS
     EXPECT_EQ(greeting(m_sender, m_address).size(), 1u) << "the listener goes on serving";
 }
 
+// Out of descriptors, a pending connection keeps the listening socket readable: the listener
+// leaves it alone for a while instead of spinning on it, says so once, and greets the receiver
+// once a descriptor is free again.
+TEST_F(SenderTest, OutOfDescriptorsTheListenerPausesLogsOnceAndGreetsLaterReceivers)
+{
+    ASSERT_TRUE(initialize(m_sender));
+    SidechannelClient client(m_address, false); // its socket now, its connection at the limit
+    {
+        const DescriptorLimit limit;
+        ASSERT_TRUE(client.connect());
+        ASSERT_TRUE(waitFor([&] { return m_log.count("TRACE Listener thread socket activity") >= 3; }));
+    }
+    EXPECT_TRUE(client.readMessage());
+    EXPECT_EQ(m_log.lines("ERROR"), LogLines{"ERROR Could not accept new connection: " + errnoText(EMFILE)});
+    EXPECT_THAT(m_log.lines("INFO"),
+                ::testing::ElementsAre(::testing::StartsWith("INFO Accepting new connections again; ")));
+}
+
 // A send waits while the main channel cannot take its packet, here while no pipeline receiver
 // has bound the address; disabling sending and shutting down both wake it.
 TEST_F(SenderTest, DisablingOrShuttingDownWakesASendThatWaitsForTheChannel)

@@ -7,6 +7,7 @@
 #include "miscutils/MiscUtils.h"
 
 #include <ostream>
+#include <string>
 
 namespace miscUtils::detail {
 
@@ -15,9 +16,14 @@ struct ErrnoText
     int errorNumber;
 };
 
+inline std::string toString(const ErrnoText& text)
+{
+    return strerror_r_safe(text.errorNumber) + " (" + std::to_string(text.errorNumber) + ")";
+}
+
 inline std::ostream& operator<<(std::ostream& stream, const ErrnoText& text)
 {
-    return stream << strerror_r_safe(text.errorNumber) << " (" << text.errorNumber << ")";
+    return stream << toString(text);
 }
 
 } // namespace miscUtils::detail

@@ -9,7 +9,6 @@
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,13 +27,6 @@ using detail::ErrnoText;
 
 // Requests answered per wake-up before the stop event is looked at again.
 constexpr int RequestsPerWakeup = 64;
-
-void closeDescriptor(int& fd)
-{
-    if (fd >= 0)
-        close(fd);
-    fd = -1;
-}
 
 unsigned int boundPort(int socketFD)
 {
@@ -68,10 +60,10 @@ bool NetTimeProvider::start(const std::string& ipAddress, unsigned int port)
         return false;
     }
     auto cleanUp = makeScopeGuard([this] {
-        closeDescriptor(m_socketFD);
-        closeDescriptor(m_wakeupFD);
+        m_socketFD.reset();
+        m_wakeup.close();
     });
-    m_socketFD = socket(address->family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    m_socketFD.reset(socket(address->family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (m_socketFD < 0)
     {
         LOG4CPLUS_ERROR(logger, "Cannot create the network time provider socket: " << ErrnoText{errno});
@@ -83,11 +75,10 @@ bool NetTimeProvider::start(const std::string& ipAddress, unsigned int port)
                         "Cannot bind the network time provider to " << endpoint << ": " << ErrnoText{errno});
         return false;
     }
-    m_wakeupFD = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_wakeupFD < 0)
+    if (!m_wakeup.open())
     {
         LOG4CPLUS_ERROR(logger,
-                        "Cannot create the wake-up event of the network time provider: " << ErrnoText{errno});
+                        "Cannot create the wake-up pipe of the network time provider: " << ErrnoText{errno});
         return false;
     }
     m_thread = std::thread([this] { serve(); });
@@ -108,12 +99,10 @@ void NetTimeProvider::stopServing()
 {
     if (!m_thread.joinable())
         return;
-    const std::uint64_t one = 1;
-    while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR)
-    {}
+    m_wakeup.notify();
     m_thread.join();
-    closeDescriptor(m_socketFD);
-    closeDescriptor(m_wakeupFD);
+    m_socketFD.reset();
+    m_wakeup.close();
     m_port = 0;
 }
 
@@ -152,7 +141,7 @@ void NetTimeProvider::setRate(double rate)
 
 void NetTimeProvider::serve()
 {
-    std::array<pollfd, 2> fds{pollfd{m_wakeupFD, POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
+    std::array<pollfd, 2> fds{pollfd{m_wakeup.readFD(), POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
     for (;;)
     {
         const int ready = poll(fds.data(), fds.size(), -1);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <miscutils/Descriptors.h>
 #include <miscutils/Export.h>
 #include <miscutils/MiscUtils.h>
 
@@ -56,8 +57,8 @@ private:
     TimeValue m_rateChangeTime = 0;
 
     std::mutex m_controlMutex; // serialises start and stop
-    int m_socketFD = -1;
-    int m_wakeupFD = -1;
+    FileDescriptor m_socketFD;
+    WakeupPipe m_wakeup;
     std::atomic<unsigned int> m_port{0};
     std::thread m_thread;
 };

@@ -1,6 +1,7 @@
 #include "miscutils/SyncedNetClock.h"
 
 #include "miscutils/Assert.h"
+#include "miscutils/Descriptors.h"
 #include "miscutils/NetTimeProtocol.h"
 #include "miscutils/ErrnoText.h"
 
@@ -8,7 +9,6 @@
 #include <log4cplus/loggingmacros.h>
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -363,7 +363,7 @@ private:
     Segment m_written{0, 0, 0.0, 0.0, 0}; // the writer's copy of the published segment
 };
 
-/// One started synchronisation: the UDP socket connected to the server, the wake-up event that
+/// One started synchronisation: the UDP socket connected to the server, the wake-up pipe that
 /// stops it, the filter and the thread that runs the exchanges.
 class SyncedNetClock::Session
 {
@@ -378,21 +378,14 @@ public:
           m_onStateChange(std::move(onStateChange))
     {}
 
-    ~Session()
-    {
-        stop();
-        if (m_socketFD >= 0)
-            close(m_socketFD);
-        if (m_wakeupFD >= 0)
-            close(m_wakeupFD);
-    }
+    ~Session() { stop(); }
 
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     bool open(const detail::SocketAddress& server)
     {
-        m_socketFD = socket(server.family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        m_socketFD.reset(socket(server.family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (m_socketFD < 0)
         {
             LOG4CPLUS_ERROR(logger,
@@ -407,10 +400,9 @@ public:
                                                                              << ErrnoText{errno});
             return false;
         }
-        m_wakeupFD = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (m_wakeupFD < 0)
+        if (!m_wakeup.open())
         {
-            LOG4CPLUS_ERROR(logger, "Cannot create the wake-up event of network time synchronization: "
+            LOG4CPLUS_ERROR(logger, "Cannot create the wake-up pipe of network time synchronization: "
                                         << ErrnoText{errno});
             return false;
         }
@@ -427,9 +419,7 @@ public:
         if (!m_thread.joinable())
             return;
         MISCUTILS_ASSERT(std::this_thread::get_id() != m_thread.get_id());
-        const std::uint64_t one = 1;
-        while (write(m_wakeupFD, &one, sizeof(one)) < 0 && errno == EINTR)
-        {}
+        m_wakeup.notify();
         m_thread.join();
     }
 
@@ -606,7 +596,7 @@ private:
     /// Waits for the deadline, the stop event or (with `socket`) a datagram.
     Wait waitUntil(TimeValue deadline, bool socket)
     {
-        std::array<pollfd, 2> fds{pollfd{m_wakeupFD, POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
+        std::array<pollfd, 2> fds{pollfd{m_wakeup.readFD(), POLLIN, 0}, pollfd{m_socketFD, POLLIN, 0}};
         for (;;)
         {
             const std::int64_t remaining = signedDifference(deadline, getMonotonicSysclockTime());
@@ -635,8 +625,8 @@ private:
     const TimeValue m_maxRoundTrip;
     const TimeValue m_replyWait;
     const std::function<void()> m_onStateChange;
-    int m_socketFD = -1;
-    int m_wakeupFD = -1;
+    FileDescriptor m_socketFD;
+    WakeupPipe m_wakeup;
     std::thread m_thread;
     ClockFilter m_filter;
     TimeValue m_lastValidSampleTime = 0;

@@ -3,6 +3,7 @@
 #include "miscutils/Assert.h"
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
+#include "voraxis/AbstractAddress.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -11,14 +12,12 @@
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -27,26 +26,20 @@ namespace vrx {
 namespace {
 
 using miscUtils::detail::ErrnoText;
+using namespace std::chrono_literals;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
-// Room for an abstract socket name: the path field less its leading 0 byte.
-constexpr std::size_t maxSocketAddressLength = sizeof(sockaddr_un::sun_path) - 1;
-
-// Both wake-up pipes carry this single byte; readers drain up to this many at once.
-constexpr char wakeupByte = '1';
-constexpr std::size_t wakeupDrainSize = 1024;
-
 constexpr int listenBacklog = 32;
 constexpr std::size_t clientReadSize = 256;
+// How long the listener leaves its socket alone after running out of descriptors.
+constexpr auto acceptPause = 100ms;
 
-// Puts `address` into the abstract namespace part of `socketAddress` (behind the leading 0
-// byte, cut to what fits) and returns the length to pass to bind.
-socklen_t setAbstractAddress(sockaddr_un& socketAddress, const std::string& address)
+// Accepting fails this way while the process (or the system) has no descriptor or memory to
+// spare; the pending connection stays and the listening socket keeps polling readable.
+bool isOutOfResources(int error)
 {
-    const std::size_t length = std::min(address.size(), maxSocketAddressLength);
-    std::copy_n(address.begin(), length, socketAddress.sun_path + 1);
-    return static_cast<socklen_t>(sizeof(socketAddress.sun_family) + 1 + length);
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 } // namespace
@@ -62,7 +55,8 @@ Sender::~Sender()
     std::lock_guard lock(m_mutex);
     if (m_listenerSocketFD >= 0)
         shutdownListener();
-    releaseWakeupPipes();
+    m_listenerWakeupPipe.close();
+    m_nanomsgWakeupPipe.close();
     removeTemporaryDirectory();
 }
 
@@ -71,11 +65,11 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
                               TimeSyncProtocol timeSyncProtocol, NanomsgProtocol nanomsgProtocol)
 {
     // Advisory only: set-up carries on, and the bind uses as much of the name as fits.
-    if (socketAddress.size() > maxSocketAddressLength)
+    if (socketAddress.size() > detail::maxSocketAddressLength)
         LOG4CPLUS_ERROR(logger, "Cannot set up sender since the Unix domain socket address is too long "
                                 "(max allowed length: "
-                                    << maxSocketAddressLength << " actual length: " << socketAddress.size()
-                                    << ")");
+                                    << detail::maxSocketAddressLength
+                                    << " actual length: " << socketAddress.size() << ")");
 
     std::lock_guard lock(m_mutex);
     if (m_initialized)
@@ -85,20 +79,18 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     if (!alternativeSocketAddress.empty())
         LOG4CPLUS_TRACE(logger, "Alternative socket address \"" << alternativeSocketAddress << "\"");
 
-    // A failed earlier attempt left its pipes and directory in place; a retry releases them
-    // first, so that retrying until the parent directory appears does not pile them up.
-    releaseWakeupPipes();
+    // A failed earlier attempt left its directory in place; a retry removes it first, so that
+    // retrying until the parent directory appears does not pile them up. Opening a pipe again
+    // closes the old one.
     removeTemporaryDirectory();
 
-    if (pipe2(m_listenerWakeupPipe.data(), O_CLOEXEC) < 0)
+    if (!m_listenerWakeupPipe.open())
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create VRX sender thread look wakeup pipe: " << ErrnoText{error});
         return false;
     }
-    // Non-blocking: a publisher's sends never wait, so nobody drains the bytes of repeated
-    // disables; a full pipe means that a wake-up is pending already.
-    if (pipe2(m_nanomsgWakeupPipe.data(), O_CLOEXEC | O_NONBLOCK) < 0)
+    if (!m_nanomsgWakeupPipe.open())
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create nanomsg wakeup pipe: " << ErrnoText{error});
@@ -109,21 +101,16 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     const char* parentDirectory = std::getenv("TMPDIR");
     std::string directoryTemplate =
         std::string(parentDirectory != nullptr ? parentDirectory : "/tmp/vrx") + "/VrxSender-XXXXXX";
-    if (mkdtemp(directoryTemplate.data()) != nullptr)
-    {
-        // Receivers running under other user ids must reach the socket inside.
-        chmod(directoryTemplate.c_str(), 0777);
-        m_tempDirectory = std::move(directoryTemplate);
-    }
-    else
+    if (mkdtemp(directoryTemplate.data()) == nullptr)
     {
         const int error = errno;
-        m_tempDirectory.clear();
         LOG4CPLUS_ERROR(logger,
                         "Could not create temporary directory for nanomsg SP socket: " << ErrnoText{error});
         return false;
     }
-
+    // Receivers running under other user ids must reach the socket inside.
+    chmod(directoryTemplate.c_str(), 0777);
+    m_tempDirectory = std::move(directoryTemplate);
     m_nanomsgIpcFilePath = m_tempDirectory + "/nanomsgChannel.ipc";
     m_nanomsgUri = "ipc://" + m_nanomsgIpcFilePath;
 
@@ -143,8 +130,9 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     if (!setupNanomsgMainChannel())
         return false;
 
-    m_listenerPollFDs->push_back({m_listenerWakeupPipe[0], POLLIN, 0});
+    m_listenerPollFDs->push_back({m_listenerWakeupPipe.readFD(), POLLIN, 0});
     m_listenerPollFDs->push_back({m_listenerSocketFD, POLLIN, 0});
+    m_acceptFailures = 0;
 
     m_initialized = true;
     m_listenerThreadRunning = true;
@@ -165,44 +153,28 @@ void Sender::shutdownSender()
 
     // Wake the listener thread and a send waiting for the main channel, so that both leave
     // their poll promptly.
-    if (write(m_listenerWakeupPipe[1], &wakeupByte, 1) < 1)
+    if (!m_listenerWakeupPipe.notify())
         LOG4CPLUS_ERROR(logger, "Failed to write shutdown flag to listeners");
-    if (!writeNanomsgWakeup())
+    if (!m_nanomsgWakeupPipe.notify())
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for shutdown");
 
     // The listener thread takes m_mutex itself.
     lock.unlock();
     if (m_listenerThread.joinable())
         m_listenerThread.join();
-    // A send that had passed its enabled check still uses the channel's descriptors until the
-    // wake-up byte sends it home; they must stay open until then.
-    {
-        std::unique_lock sends(m_nanomsgMutex);
-        m_sendsFinished.wait(sends, [this] { return m_sendsInProgress == 0; });
-    }
+    waitUntilNoSendUsesTheChannel();
     lock.lock();
 
     shutdownListener();
     shutdownNanomsgMainChannel();
     m_listenerPollFDs->clear();
 
-    releaseWakeupPipes();
+    m_listenerWakeupPipe.close();
+    m_nanomsgWakeupPipe.close();
     removeTemporaryDirectory();
     m_initialized = false;
 
     LOG4CPLUS_TRACE(logger, "Sender shut down");
-}
-
-void Sender::releaseWakeupPipes()
-{
-    for (std::array<int, 2>* wakeupPipe : {&m_listenerWakeupPipe, &m_nanomsgWakeupPipe})
-    {
-        if ((*wakeupPipe)[0] == -1)
-            continue;
-        close((*wakeupPipe)[0]);
-        close((*wakeupPipe)[1]);
-        *wakeupPipe = {-1, -1};
-    }
 }
 
 void Sender::removeTemporaryDirectory()
@@ -229,6 +201,13 @@ bool Sender::areThereClientConnections() const
     return clientConnectionCount() > 0;
 }
 
+bool Sender::areThereMainChannelConnections() const
+{
+    // The socket is opened and closed under the lock.
+    std::lock_guard lock(m_mutex);
+    return m_nanomsgMainFD.connectionCount() > 0;
+}
+
 std::size_t Sender::clientConnectionCount() const
 {
     // Entries 0 and 1 are the wake-up pipe and the listening socket.
@@ -242,7 +221,7 @@ bool Sender::setupListener()
     MISCUTILS_ASSERT(m_listenerSocketFD < 0);
     auto guard = miscUtils::makeScopeGuard([this] { shutdownListener(); });
 
-    m_listenerSocketFD = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    m_listenerSocketFD.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (m_listenerSocketFD < 0)
     {
         const int error = errno;
@@ -250,20 +229,17 @@ bool Sender::setupListener()
         return false;
     }
 
-    // Abstract namespace: the leading 0 byte of the path, nothing in the file system.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socklen_t addressLength = setAbstractAddress(address, m_socketAddress);
-    if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0)
+    const detail::AbstractSocketAddress address(m_socketAddress);
+    if (bind(m_listenerSocketFD, address.get(), address.size()) < 0)
     {
         const int error = errno;
         LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{error});
         if (m_alternativeSocketAddress.empty())
             return false;
 
-        addressLength = setAbstractAddress(address, m_alternativeSocketAddress);
+        const detail::AbstractSocketAddress alternative(m_alternativeSocketAddress);
         LOG4CPLUS_DEBUG(logger, "Binding to alternative address " << m_alternativeSocketAddress);
-        if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0)
+        if (bind(m_listenerSocketFD, alternative.get(), alternative.size()) < 0)
         {
             const int alternativeError = errno;
             LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{alternativeError});
@@ -303,7 +279,7 @@ void Sender::listenerThreadLoop()
 
         int pollResult;
         do
-            pollResult = poll(pollFDs.data(), pollFDs.size(), -1);
+            pollResult = poll(pollFDs.data(), pollFDs.size(), acceptPauseLeftMs());
         while (pollResult < 0 && errno == EINTR);
         if (pollResult < 0)
         {
@@ -318,8 +294,7 @@ void Sender::listenerThreadLoop()
         if ((pollFDs[0].revents & POLLIN) != 0)
         {
             LOG4CPLUS_TRACE(logger, "Listener thread loop wakeup activity");
-            char drain[wakeupDrainSize];
-            if (read(pollFDs[0].fd, drain, sizeof(drain)) < 0)
+            if (!m_listenerWakeupPipe.drain())
             {
                 const int error = errno;
                 LOG4CPLUS_ERROR(logger,
@@ -333,33 +308,16 @@ void Sender::listenerThreadLoop()
         {
             LOG4CPLUS_TRACE(logger, "Listener thread socket activity");
             // The connection stays blocking; sends to it are made non-blocking one by one.
-            const int clientFD = accept4(pollFDs[1].fd, nullptr, nullptr, SOCK_CLOEXEC);
+            const int clientFD = accept4(m_listenerSocketFD, nullptr, nullptr, SOCK_CLOEXEC);
+            const int error = errno;
             if (clientFD >= 0)
-            {
-                LOG4CPLUS_DEBUG(logger, "New client connection: FD " << clientFD);
-                // Under the lock a new sequence cannot slip in between the two packets.
-                std::lock_guard lock(m_mutex);
-                pollFDs.push_back({clientFD, POLLIN, 0});
-                LOG4CPLUS_DEBUG(logger, "Sending InitialInfo packet with " << m_initialInfoPacket.size()
-                                                                           << " bytes to connection with FD "
-                                                                           << clientFD);
-                sendDataOverClientConnection(clientFD, m_initialInfoPacket);
-                if (!m_sequenceInfoPacket.empty())
-                {
-                    LOG4CPLUS_DEBUG(logger, "Sending SequenceInfo packet with "
-                                                << m_sequenceInfoPacket.size()
-                                                << " bytes to connection with FD " << clientFD);
-                    sendDataOverClientConnection(clientFD, m_sequenceInfoPacket);
-                }
-            }
+                greetClientConnection(clientFD);
+            else if (error == EAGAIN)
+                LOG4CPLUS_DEBUG(logger, "No socket to accept; socket may have gone away");
+            else if (isOutOfResources(error))
+                pauseAccepting(error);
             else
-            {
-                const int error = errno;
-                if (error == EAGAIN)
-                    LOG4CPLUS_DEBUG(logger, "No socket to accept; socket may have gone away");
-                else
-                    LOG4CPLUS_ERROR(logger, "Could not accept new connection: " << ErrnoText{error});
-            }
+                LOG4CPLUS_ERROR(logger, "Could not accept new connection: " << ErrnoText{error});
         }
 
         // Receivers send nothing: reading only serves to notice that one has gone.
@@ -376,9 +334,7 @@ void Sender::listenerThreadLoop()
             const ssize_t received = recv(clientFD, discarded, sizeof(discarded), 0);
             if (received == 0)
             {
-                shutdown(clientFD, SHUT_RDWR);
-                close(clientFD);
-                pollFDs.erase(pollFDs.begin() + static_cast<std::ptrdiff_t>(index));
+                closeClientConnection(index);
                 LOG4CPLUS_DEBUG(logger, "Client connection with FD " << clientFD << " got closed; "
                                                                      << clientConnectionCount()
                                                                      << " connection(s) remain");
@@ -395,23 +351,66 @@ void Sender::listenerThreadLoop()
     }
 }
 
-void Sender::shutdownListener()
+void Sender::greetClientConnection(int fd)
+{
+    if (m_acceptFailures > 0)
+    {
+        LOG4CPLUS_INFO(logger, "Accepting new connections again; "
+                                   << m_acceptFailures << " attempt(s) failed for want of resources");
+        m_acceptFailures = 0;
+    }
+    LOG4CPLUS_DEBUG(logger, "New client connection: FD " << fd);
+    // Under the lock a new sequence cannot slip in between the two packets.
+    std::lock_guard lock(m_mutex);
+    m_listenerPollFDs->push_back({fd, POLLIN, 0});
+    LOG4CPLUS_DEBUG(logger, "Sending InitialInfo packet with " << m_initialInfoPacket.size()
+                                                               << " bytes to connection with FD " << fd);
+    sendDataOverClientConnection(fd, m_initialInfoPacket);
+    if (!m_sequenceInfoPacket.empty())
+    {
+        LOG4CPLUS_DEBUG(logger, "Sending SequenceInfo packet with " << m_sequenceInfoPacket.size()
+                                                                    << " bytes to connection with FD " << fd);
+        sendDataOverClientConnection(fd, m_sequenceInfoPacket);
+    }
+}
+
+void Sender::pauseAccepting(int error)
+{
+    // The pending connection would keep the listening socket readable, and the loop spinning
+    // on it: the listener leaves the socket out of its poll for a while instead, and says so
+    // once until an accept succeeds again. Connections wait in the backlog meanwhile.
+    if (m_acceptFailures++ == 0)
+        LOG4CPLUS_ERROR(logger, "Could not accept new connection: " << ErrnoText{error});
+    (*m_listenerPollFDs)[1].events = 0;
+    m_acceptResumesAt = std::chrono::steady_clock::now() + acceptPause;
+}
+
+int Sender::acceptPauseLeftMs()
+{
+    pollfd& listener = (*m_listenerPollFDs)[1];
+    if (listener.events != 0)
+        return -1;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(m_acceptResumesAt - std::chrono::steady_clock::now());
+    if (left.count() > 0)
+        return static_cast<int>(left.count());
+    listener.events = POLLIN;
+    return 0;
+}
+
+void Sender::closeClientConnection(std::size_t index)
 {
     std::vector<pollfd>& pollFDs = *m_listenerPollFDs;
-    if (pollFDs.size() > 2)
-    {
-        for (auto client = pollFDs.begin() + 2; client != pollFDs.end(); ++client)
-        {
-            shutdown(client->fd, SHUT_RDWR);
-            close(client->fd);
-        }
-        pollFDs.resize(2);
-    }
-    if (m_listenerSocketFD >= 0)
-    {
-        close(m_listenerSocketFD);
-        m_listenerSocketFD = -1;
-    }
+    shutdown(pollFDs[index].fd, SHUT_RDWR);
+    close(pollFDs[index].fd);
+    pollFDs.erase(pollFDs.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+void Sender::shutdownListener()
+{
+    while (clientConnectionCount() > 0)
+        closeClientConnection(m_listenerPollFDs->size() - 1);
+    m_listenerSocketFD.reset();
     LOG4CPLUS_TRACE(logger, "Listener shut down");
 }
 
@@ -464,8 +463,7 @@ bool Sender::setupNanomsgMainChannel()
         return false;
     }
 
-    m_nanomsgMainFD = nn_socket(AF_SP, pipeline ? NN_PUSH : NN_PUB);
-    if (m_nanomsgMainFD < 0)
+    if (!m_nanomsgMainFD.open(pipeline ? NN_PUSH : NN_PUB))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create nanomsg SP socket: " << ErrnoText{error});
@@ -473,9 +471,7 @@ bool Sender::setupNanomsgMainChannel()
     }
 
     // Pipeline receivers bind the address themselves; subscribers connect to ours.
-    m_nanomsgEndpointID = pipeline ? nn_connect(m_nanomsgMainFD, m_nanomsgUri.c_str())
-                                   : nn_bind(m_nanomsgMainFD, m_nanomsgUri.c_str());
-    if (m_nanomsgEndpointID < 0)
+    if (!m_nanomsgMainFD.attach(m_nanomsgUri, !pipeline))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
@@ -483,27 +479,21 @@ bool Sender::setupNanomsgMainChannel()
     }
 
     // No queueing: a packet goes out when the socket can take it now, or not at all.
-    const int sendBufferSize = 1;
-    if (nn_setsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_SNDBUF, &sendBufferSize, sizeof(sendBufferSize)) < 0)
+    if (!m_nanomsgMainFD.setOption(NN_SNDBUF, 1))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not set the send buffer size: " << ErrnoText{error});
         return false;
     }
 
-    int watchFD = -1;
-    std::size_t watchFDSize = sizeof(watchFD);
-    if (nn_getsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_SNDFD, &watchFD, &watchFDSize) < 0)
+    if (!m_nanomsgMainFD.fetchWatchFD(NN_SNDFD))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not retrieve the nanosmg watch FD: " << ErrnoText{error});
-        nn_shutdown(m_nanomsgMainFD, m_nanomsgEndpointID);
-        m_nanomsgEndpointID = -1;
         return false;
     }
-    m_nanomsgWatchFD = watchFD;
 
-    LOG4CPLUS_DEBUG(logger, "Nanomsg watch FD: " << m_nanomsgWatchFD);
+    LOG4CPLUS_DEBUG(logger, "Nanomsg watch FD: " << m_nanomsgMainFD.watchFD());
     m_sendDisabled = false;
     guard.dismiss();
     return true;
@@ -511,47 +501,23 @@ bool Sender::setupNanomsgMainChannel()
 
 void Sender::shutdownNanomsgMainChannel()
 {
-    if (m_nanomsgEndpointID >= 0)
-    {
-        nn_shutdown(m_nanomsgMainFD, m_nanomsgEndpointID);
-        m_nanomsgEndpointID = -1;
-    }
-    if (m_nanomsgMainFD < 0)
-        return;
-    if (nn_close(m_nanomsgMainFD) < 0)
+    if (!m_nanomsgMainFD.close())
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << ErrnoText{error});
     }
-    m_nanomsgMainFD = -1;
 }
 
 void Sender::sendDataOverNanomsg(const ByteSpan& packet)
 {
-    {
-        // The lock covers the test only, never the wait, so that disableSend can always get in.
-        std::lock_guard lock(m_nanomsgMutex);
-        if (m_sendDisabled)
-        {
-            LOG4CPLUS_TRACE(logger, "Cannot send anything; sending is disabled");
-            return;
-        }
-        // Counted with the test: shutdownSender disables sending before it waits for the count
-        // to drop, so it either waits for this send or this send sees the switch.
-        ++m_sendsInProgress;
-    }
-    const auto sendDone = miscUtils::makeScopeGuard([this] {
-        // Under the lock, so that shutdownSender returns (and the sender may go) only once this
-        // thread is done with it.
-        std::lock_guard lock(m_nanomsgMutex);
-        if (--m_sendsInProgress == 0)
-            m_sendsFinished.notify_all();
-    });
+    if (!enterSend())
+        return;
+    const auto done = miscUtils::makeScopeGuard([this] { leaveSend(); });
     MISCUTILS_ASSERT(m_nanomsgMainFD >= 0);
     LOG4CPLUS_TRACE(logger, "Sending data with " << packet.size() << " bytes over nanomsg SP socket");
 
     // The channel nearly always takes a packet at once (a publisher always does), so the send
-    // is tried first and the poll is paid only when it would block.
+    // is tried first and the wait is paid only when it would block.
     if (nn_send(m_nanomsgMainFD, packet.data(), packet.size(), NN_DONTWAIT) >= 0)
         return;
     if (const int error = errno; error != EAGAIN)
@@ -559,46 +525,8 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         LOG4CPLUS_ERROR(logger, "Error while trying to send data over nanomsg: " << ErrnoText{error});
         return;
     }
-
-    enum
-    {
-        Watch,
-        Wakeup
-    };
-    pollfd pollFDs[2] = {{m_nanomsgWatchFD, POLLIN, 0}, {m_nanomsgWakeupPipe[0], POLLIN, 0}};
-    for (;;)
-    {
-        // No time-out: only writability or a wake-up byte ends the wait.
-        if (poll(pollFDs, 2, -1) < 0)
-        {
-            const int error = errno;
-            if (error == EINTR)
-                continue;
-            LOG4CPLUS_ERROR(logger, "poll() error while writing data to nanomsg: " << ErrnoText{error});
-            return;
-        }
-
-        if ((pollFDs[Wakeup].revents & POLLIN) != 0)
-        {
-            LOG4CPLUS_TRACE(logger, "Nanomsg wakeup pipe activity");
-            char drain[wakeupDrainSize];
-            if (read(pollFDs[Wakeup].fd, drain, sizeof(drain)) < 0)
-            {
-                const int error = errno;
-                LOG4CPLUS_ERROR(logger,
-                                "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
-                return;
-            }
-            // Woken by disableSend or shutdownSender: the packet is dropped. A byte from a
-            // disable that nobody waited for is stale once sending is enabled again; the wait
-            // goes on.
-            std::lock_guard lock(m_nanomsgMutex);
-            if (m_sendDisabled)
-                return;
-        }
-        if ((pollFDs[Watch].revents & POLLIN) != 0)
-            break;
-    }
+    if (!waitForChannel())
+        return;
 
     LOG4CPLUS_TRACE(logger, "Nanomsg watch FD activity");
     if (nn_send(m_nanomsgMainFD, packet.data(), packet.size(), NN_DONTWAIT) >= 0)
@@ -608,6 +536,83 @@ void Sender::sendDataOverNanomsg(const ByteSpan& packet)
         LOG4CPLUS_DEBUG(logger, "Could not send data over nanomsg; connection might be gone");
     else
         LOG4CPLUS_ERROR(logger, "Error while trying to send data over nanomsg: " << ErrnoText{error});
+}
+
+// ---- Send switch ---------------------------------------------------------------------------
+//
+// Sending is switched off by disableSend(true) and by shutdownSender, on by disableSend(false)
+// and by a successful set-up. A send passes the switch under m_nanomsgMutex and counts itself in
+// until it is done with the channel. While it waits for the channel, a switch-off wakes it with
+// a byte on m_nanomsgWakeupPipe; shutdownSender then waits until no send is counted before it
+// closes the channel, so that no send ever uses a closed (or reused) descriptor.
+
+bool Sender::enterSend()
+{
+    // The lock covers the test only, never the wait, so that disableSend can always get in.
+    std::lock_guard lock(m_nanomsgMutex);
+    if (m_sendDisabled)
+    {
+        LOG4CPLUS_TRACE(logger, "Cannot send anything; sending is disabled");
+        return false;
+    }
+    ++m_sendsInProgress;
+    return true;
+}
+
+void Sender::leaveSend()
+{
+    // Under the lock, so that shutdownSender returns (and the sender may go) only once this
+    // thread is done with it.
+    std::lock_guard lock(m_nanomsgMutex);
+    if (--m_sendsInProgress == 0)
+        m_sendsFinished.notify_all();
+}
+
+void Sender::waitUntilNoSendUsesTheChannel()
+{
+    std::unique_lock lock(m_nanomsgMutex);
+    m_sendsFinished.wait(lock, [this] { return m_sendsInProgress == 0; });
+}
+
+bool Sender::waitForChannel()
+{
+    enum
+    {
+        Watch,
+        Wakeup
+    };
+    pollfd pollFDs[2] = {{m_nanomsgMainFD.watchFD(), POLLIN, 0}, {m_nanomsgWakeupPipe.readFD(), POLLIN, 0}};
+    for (;;)
+    {
+        // No time-out: only writability or a wake-up byte ends the wait.
+        if (poll(pollFDs, 2, -1) < 0)
+        {
+            const int error = errno;
+            if (error == EINTR)
+                continue;
+            LOG4CPLUS_ERROR(logger, "poll() error while writing data to nanomsg: " << ErrnoText{error});
+            return false;
+        }
+
+        if ((pollFDs[Wakeup].revents & POLLIN) != 0)
+        {
+            LOG4CPLUS_TRACE(logger, "Nanomsg wakeup pipe activity");
+            if (!m_nanomsgWakeupPipe.drain())
+            {
+                const int error = errno;
+                LOG4CPLUS_ERROR(logger,
+                                "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
+                return false;
+            }
+            // Switched off: the packet is dropped. A byte from a switch-off that nobody waited
+            // for is stale once sending is on again; the wait goes on.
+            std::lock_guard lock(m_nanomsgMutex);
+            if (m_sendDisabled)
+                return false;
+        }
+        if ((pollFDs[Watch].revents & POLLIN) != 0)
+            return true;
+    }
 }
 
 void Sender::disableSend(bool disable)
@@ -626,13 +631,8 @@ void Sender::disableSend(bool disable)
     // leave this write with a closed, or reused, descriptor. Nobody holds m_mutex while waiting
     // for the main channel, so this never waits for a blocked send.
     std::lock_guard lock(m_mutex);
-    if (m_nanomsgWakeupPipe[1] >= 0 && !writeNanomsgWakeup())
+    if (m_nanomsgWakeupPipe.isOpen() && !m_nanomsgWakeupPipe.notify())
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for disable");
-}
-
-bool Sender::writeNanomsgWakeup()
-{
-    return write(m_nanomsgWakeupPipe[1], &wakeupByte, 1) == 1 || errno == EAGAIN;
 }
 
 // ---- Media data, payloader selection and sequences -----------------------------------------

@@ -3,11 +3,14 @@
 #include <voraxis/SideChannel.h>
 #include <voraxis/VrxPayload.h>
 
+#include <voraxis/NanomsgSocket.h>
+
+#include <miscutils/Descriptors.h>
 #include <miscutils/Export.h>
 #include <miscutils/MiscUtils.h>
 
-#include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -75,6 +78,11 @@ public:
     /// True while at least one receiver is connected to the sidechannel.
     bool areThereClientConnections() const;
 
+    /// True while the main channel of at least one receiver is attached, so that a frame sent
+    /// now reaches it. A receiver attaches its main channel a moment after its sidechannel
+    /// connected: a producer that must not lose a new receiver's first frame waits for both.
+    bool areThereMainChannelConnections() const;
+
     /// Sends one framed sidechannel message to every entry of the listener's poll set, in
     /// order: the wake-up pipe and the listening socket come first and fail (each failure is
     /// logged), then every connected receiver.
@@ -86,15 +94,22 @@ private:
     void prepareInitialInfoPacket();
     bool setupListener();
     void listenerThreadLoop();
+    void greetClientConnection(int fd);
+    void closeClientConnection(std::size_t index);
     void shutdownListener();
     void sendDataOverClientConnection(int fd, const ByteSpan& data);
+    // The listener leaves its listening socket alone for a while when it runs out of descriptors.
+    void pauseAccepting(int error);
+    int acceptPauseLeftMs();
     bool setupNanomsgMainChannel();
     void shutdownNanomsgMainChannel();
     void sendDataOverNanomsg(const ByteSpan& packet);
+    // Who may use the main channel: see "Send switch" in VrxSender.cpp.
+    bool enterSend();
+    void leaveSend();
+    bool waitForChannel();
+    void waitUntilNoSendUsesTheChannel();
     std::size_t clientConnectionCount() const;
-    void releaseWakeupPipes();
-    /// Writes the wake-up byte for a send that may wait; true also when one is pending already.
-    bool writeNanomsgWakeup();
     /// Removes the IPC file and the temporary directory, where there are any.
     void removeTemporaryDirectory();
 
@@ -115,22 +130,26 @@ private:
     std::mutex m_nanomsgMutex;
     bool m_initialized = false;
     bool m_listenerThreadRunning = false;
-    int m_listenerSocketFD = -1;
-    int m_nanomsgMainFD = -1;
-    int m_nanomsgWatchFD = -1;
-    std::array<int, 2> m_listenerWakeupPipe{-1, -1};
-    std::array<int, 2> m_nanomsgWakeupPipe{-1, -1};
+    miscUtils::FileDescriptor m_listenerSocketFD;
+    // The SP socket with its endpoint and send watch descriptor.
+    detail::NanomsgSocket m_nanomsgMainFD;
+    // Both created and closed under m_mutex.
+    miscUtils::WakeupPipe m_listenerWakeupPipe;
+    miscUtils::WakeupPipe m_nanomsgWakeupPipe;
     // Written by shutdownSender under m_mutex and by disableSend under m_nanomsgMutex, read by
     // a send under m_nanomsgMutex: atomic, since the two locks never meet.
     std::atomic<bool> m_sendDisabled{false};
-    // Sends between their enabled check and their last use of the channel's descriptors;
-    // shutdownSender waits for 0 before it closes them. Both under m_nanomsgMutex.
+    // Sends that passed the switch and still use the channel; shutdownSender waits for 0 before
+    // it closes it. Both under m_nanomsgMutex.
     unsigned int m_sendsInProgress = 0;
     std::condition_variable m_sendsFinished;
-    int m_nanomsgEndpointID = -1;
     std::string m_tempDirectory;
     std::string m_nanomsgIpcFilePath;
     std::unique_ptr<std::vector<pollfd>> m_listenerPollFDs;
+    // Listener thread only: when accepting resumes, and how many accepts failed for want of
+    // descriptors since the last one that succeeded.
+    std::chrono::steady_clock::time_point m_acceptResumesAt{};
+    unsigned long m_acceptFailures = 0;
 };
 
 } // namespace vrx

@@ -13,18 +13,46 @@ namespace vrx::test {
 using namespace std::literals;
 using ClockType = Receiver::StreamClockType;
 
-inline const std::string sequence48k = "sequence 48000 2 S16LE", readyMonotonic = "ready monotonic system clock";
+inline const std::string sequence48k = "sequence 48000 2 S16LE",
+                         readyMonotonic = "ready monotonic system clock";
 
 /// What the application saw: one event per callback, in order ("state running", "sequence
 /// 48000 2 S16LE", "ready no clock", "failed"; "@caller" marks one that ran on the thread that
-/// attached the recorder), and the timestamps of the frames, each checked against what the frame
-/// scheme says it carries. A connection rebuilt before it saw a sequence (it came just before its
-/// sender started the first one and missed the announcement) is left out of the events.
+/// attached the recorder, "@elsewhere" one that ran neither there nor on the receiver's thread),
+/// and the timestamps of the frames, each checked against what the frame scheme says it carries. A connection
+/// rebuilt before it saw a sequence (it came just before its sender started the first one and missed the
+/// announcement) is left out of the events.
 struct Seen
 {
     LogLines events;
     std::vector<std::uint64_t> frames;
-    bool intact = true; // every frame was one that was sent, whole, and came after the one before
+    bool intact = true; // every frame was one that was sent, whole, came after the one before,
+                        // and on the receiver's thread
+};
+
+/// A depayloader that asks its receiver what any callback may ask, from where the receiver
+/// calls it (at each sequence and whenever a connection is rebuilt).
+class QueryingDepayloader : public PcmDepayloader
+{
+public:
+    const Receiver* receiver = nullptr;
+    bool processCodecHeader(const ByteSpan& codecHeader) override
+    {
+        query();
+        return PcmDepayloader::processCodecHeader(codecHeader);
+    }
+    void reset() override
+    {
+        query();
+        PcmDepayloader::reset();
+    }
+
+private:
+    void query() const
+    {
+        if (receiver != nullptr)
+            receiver->getState(), receiver->getCurrentStreamTime();
+    }
 };
 
 class Callbacks : NonCopyable
@@ -50,7 +78,8 @@ public:
             const std::lock_guard lock(m_mutex);
             m_seen.intact = m_seen.intact && duration == durationOf(timestamp) &&
                             media == mediaOf(timestamp) &&
-                            (m_seen.frames.empty() || timestamp > m_seen.frames.back());
+                            (m_seen.frames.empty() || timestamp > m_seen.frames.back()) &&
+                            std::this_thread::get_id() == m_receiverThread;
             m_seen.frames.push_back(timestamp);
         });
     }
@@ -75,14 +104,31 @@ public:
         m_seen = {};
     }
 
+    /// Called with each event once it is recorded, on the thread of its callback.
+    std::function<void(const std::string& event)> whenRecorded;
+
 private:
     void record(const std::string& event)
     {
-        const std::lock_guard lock(m_mutex);
-        m_seen.events.push_back(event + (std::this_thread::get_id() == m_caller ? "@caller" : ""));
+        {
+            const std::lock_guard lock(m_mutex);
+            const std::thread::id thread = std::this_thread::get_id();
+            std::string mark = thread == m_caller ? "@caller" : "";
+            // A receiver's callbacks all come from its thread; the next thread comes after Idle.
+            if (mark.empty() && m_receiverThreadEnded)
+                m_receiverThread = thread;
+            else if (mark.empty() && thread != m_receiverThread)
+                mark = "@elsewhere";
+            m_receiverThreadEnded = mark.empty() ? event == "state idle" : m_receiverThreadEnded;
+            m_seen.events.push_back(event + mark);
+        }
+        if (whenRecorded)
+            whenRecorded(event);
     }
 
     const std::thread::id m_caller = std::this_thread::get_id();
+    std::thread::id m_receiverThread;
+    bool m_receiverThreadEnded = true;
     mutable std::mutex m_mutex;
     Seen m_seen;
 };
@@ -93,7 +139,25 @@ protected:
     ReceiverTest()
     {
         m_payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+        m_depayloader.receiver = &m_receiver;
         m_callbacks.attach(m_receiver, m_depayloader);
+    }
+
+    /// A SequenceInfo of the fixture's payloader, or of another FourCC, or with another header.
+    Buffer sequenceInfo(std::uint16_t number, unsigned int fourcc = PcmFourcc,
+                        const Buffer& header = {}) const
+    {
+        Buffer packet;
+        produceSequenceInfoPacket(packet, fourcc, header.empty() ? m_payloader.getCodecHeader() : header,
+                                  number);
+        return packet;
+    }
+    /// A Frame of the frame scheme.
+    Buffer frame(std::uint16_t number, std::uint64_t timestamp)
+    {
+        Buffer packet;
+        m_payloader.produceFramePacket(packet, number, timestamp, durationOf(timestamp), mediaOf(timestamp));
+        return packet;
     }
 
     /// A sender on the fixture's address whose first sequence has started.
@@ -125,7 +189,7 @@ protected:
     const std::string m_address = uniqueSocketAddress();
     PcmPayloader m_payloader;
     Sender m_sender;
-    PcmDepayloader m_depayloader;
+    QueryingDepayloader m_depayloader;
     Callbacks m_callbacks;
     Receiver m_receiver; // stops first, while what its callbacks use still exists
     std::uint64_t m_timestamp = 1;

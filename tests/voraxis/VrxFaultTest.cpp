@@ -212,11 +212,13 @@ TEST_F(FaultTest, AGreetingCutShortOrOfNoLengthIsLoggedAndTheConnectionRebuilt)
         m_log.clear();
         ASSERT_TRUE(fake.accept());
         send();
-        ASSERT_TRUE(m_log.waitFor("ERROR Could not get initial info; restarting connection attempt"));
+        ASSERT_TRUE(m_log.waitFor("DEBUG Closing sidechannel with FD #"));
         EXPECT_EQ(m_log.lines("DEBUG VRX"), LogLines{"DEBUG VRX sidechannel socket got closed"});
     }
-    ASSERT_TRUE(fake.accept() && fake.send(fake.greeting()));
-    EXPECT_TRUE(m_callbacks.waitFor("state running")) << "the next greeting is taken as the first";
+    ASSERT_TRUE(fake.accept() && fake.send(fake.greeting()) && fake.push(sequenceInfo(1)));
+    EXPECT_TRUE(m_callbacks.waitFor(sequence48k)) << "the next greeting is taken as the first";
+    EXPECT_EQ(m_log.lines("ERROR"), LogLines{}) << "the error of the first came once";
+    EXPECT_EQ(m_log.lines("WARN"), LogLines{"WARN The last connection error came 2 times in a row"});
 }
 
 } // namespace

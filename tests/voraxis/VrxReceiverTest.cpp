@@ -13,6 +13,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr unsigned int alienFourcc = 0x44434241; // no depayloader takes it
+
 class ReceiverStreamTest : public ReceiverTest, public ::testing::WithParamInterface<NanomsgProtocol>
 {};
 
@@ -47,12 +49,15 @@ INSTANTIATE_TEST_SUITE_P(BothProtocols, ReceiverStreamTest,
                          ::testing::Values(NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline),
                          [](const auto& info) { return std::string(toString(info.param)); });
 
+// A network clock that synchronises only after the sequence came reports readiness through the
+// receiver thread, between the other callbacks.
 TEST_F(ReceiverTest, IsReadyOncePerConnectionOnTheClockItsSenderAnnounces)
 {
     miscUtils::NetTimeProvider server;
     ASSERT_TRUE(server.start("127.0.0.1", 0));
     server.setOffset(1000'000'000'000); // the served clock is 1000 s ahead
     const unsigned int port = server.getPort();
+    server.stop();
     // clang-format off
     for (const auto& [name, protocol, announcedPort, clock] : {
              std::tuple{"the monotonic clock; a port is ignored", TimeSyncProtocol::MonotonicSystemClock, 4000u, ClockType::MonotonicSystemClock},
@@ -64,8 +69,8 @@ TEST_F(ReceiverTest, IsReadyOncePerConnectionOnTheClockItsSenderAnnounces)
         SCOPED_TRACE(name);
         const std::string ready = "ready "s + toString(clock);
         ASSERT_TRUE(startSender(NanomsgProtocol::PubSub, protocol, announcedPort));
-        ASSERT_TRUE(m_receiver.initializeReceiver(m_address));
-        ASSERT_TRUE(m_callbacks.waitFor(ready));
+        ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && m_callbacks.waitFor(sequence48k));
+        ASSERT_TRUE(server.start("127.0.0.1", port) && m_callbacks.waitFor(ready));
         EXPECT_EQ(m_receiver.getStreamClockType(), clock);
         const bool ahead =
             m_receiver.getCurrentStreamTime() > miscUtils::getMonotonicSysclockTime() + 500'000'000'000;
@@ -77,6 +82,7 @@ TEST_F(ReceiverTest, IsReadyOncePerConnectionOnTheClockItsSenderAnnounces)
         ASSERT_TRUE(stream(1) && m_callbacks.waitFor(ready, 2));
         m_receiver.shutdownReceiver();
         m_sender.shutdownSender();
+        server.stop();
         EXPECT_EQ(m_callbacks.seen().events,
                   (LogLines{"state connecting@caller", "state running", sequence48k, ready,
                             "state connecting", "state running", sequence48k, ready, "state idle"}));
@@ -111,14 +117,23 @@ TEST_F(ReceiverTest, AStopInAnyWaitEndsItPromptlyWithIdleAlone)
         return m_log.waitFor("DEBUG Waiting for initial info");
     };
     const std::function<bool()> inputWait = [&] { return startSender() && stream(1); };
+    // A listener that never accepts, its backlog full: a connect that waited would hold the thread.
+    std::optional<SidechannelClient> queued;
+    const std::function<bool()> fullBacklog = [&] {
+        silent.emplace(m_address, m_scratch.path(), 0);
+        queued.emplace(m_address);
+        return m_log.waitFor("ERROR Could not connect to sender: " + errnoText(EAGAIN));
+    };
     // clang-format off
     for (const auto& [name, reachWait, events] : {
              std::tuple{"retry wait", retryWait, LogLines{"state connecting@caller", "state idle"}},
+             {"connect to a full backlog", fullBacklog, LogLines{"state connecting@caller", "state idle"}},
              {"greeting wait", greetingWait, LogLines{"state connecting@caller", "state idle"}},
              {"input wait", inputWait, LogLines{"state connecting@caller", "state running", sequence48k, readyMonotonic, "state idle"}}})
     // clang-format on
     {
         SCOPED_TRACE(name);
+        queued.reset();
         silent.reset();
         ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && reachWait());
         const auto start = std::chrono::steady_clock::now();
@@ -139,9 +154,23 @@ TEST_F(ReceiverTest, ASecondPipelineReceiverFailsToBindGoesIdleAndStartsAfreshWh
     Callbacks callbacks;
     Receiver second;
     callbacks.attach(second, depayloader);
+    // An application that reads Idle sets callbacks: it must not race those still to come. The
+    // Idle callback holds the receiver thread until this test reads Idle, or for 200 ms.
+    std::atomic<bool> readIdle{false};
+    callbacks.whenRecorded = [&](const std::string& event) {
+        if (event == "state idle")
+            waitFor([&] { return readIdle.load(); }, 200ms);
+    };
     // The second time without a shut-down in between: the ended loop's threads are joined.
     for (long attempt = 1; attempt <= 2; ++attempt)
-        ASSERT_TRUE(second.initializeReceiver(m_address) && callbacks.waitFor("failed", attempt));
+    {
+        readIdle = false;
+        ASSERT_TRUE(second.initializeReceiver(m_address));
+        ASSERT_TRUE(waitFor([&] { return second.getState() == Receiver::State::Idle; }));
+        readIdle = true;
+        EXPECT_EQ(std::ranges::count(callbacks.seen().events, "failed"), attempt)
+            << "Idle came before the report";
+    }
     EXPECT_EQ(callbacks.seen().events, (LogLines{"state connecting@caller", "state idle", "failed",
                                                  "state connecting@caller", "state idle", "failed"}));
     EXPECT_EQ(m_log.count("ERROR Could not connect the nanomsg SP socket: " + errnoText(EADDRINUSE)), 2u);
@@ -183,13 +212,10 @@ TEST_F(ReceiverTest, KeepsPacketsByTheirSequenceAndJudgesTheTwoChannelsApart)
         std::uint16_t number;
         std::uint64_t timestamp = 0;
         words >> kind >> kind >> number >> timestamp;
-        Buffer bytes;
-        if (kind == "frame" || kind == "short")
-            m_payloader.produceFramePacket(bytes, number, timestamp, durationOf(timestamp),
-                                           mediaOf(timestamp));
-        else
-            produceSequenceInfoPacket(bytes, kind == "alien" ? 0x44434241 : PcmFourcc,
-                                      kind == "refused" ? Buffer(6) : m_payloader.getCodecHeader(), number);
+        Buffer bytes = kind == "frame" || kind == "short"
+                           ? frame(number, timestamp)
+                           : sequenceInfo(number, kind == "alien" ? alienFourcc : PcmFourcc,
+                                          kind == "refused" ? Buffer(6) : Buffer{});
         bytes.resize(kind == "short" ? 15 : bytes.size());
         return bytes;
     };
@@ -286,6 +312,126 @@ TEST_F(ReceiverTest, KeepsPacketsByTheirSequenceAndJudgesTheTwoChannelsApart)
     }
 }
 
+// The first frames may overtake the greeting's SequenceInfo: the receiver takes what the
+// sidechannel holds before it judges them, and never reconnects for a sequence on its way.
+TEST_F(ReceiverTest, TakesTheGreetingsSequenceInfoBeforeJudgingFramesThatOvertakeIt)
+{
+    FakeSender fake(m_address, m_scratch.path());
+    const std::string dropped = "DEBUG dropping VRX Frame packet because its sequence number does not match "
+                                "the current one (current sequence nr: 0 packet sequence nr: 1)";
+    for (const bool half : {true, false})
+    {
+        SCOPED_TRACE(half ? "half of the SequenceInfo sent" : "the SequenceInfo whole and unread");
+        // Whole: sent with the first frame while the receiver thread still runs its Running
+        // callback, so that both wait when it polls next.
+        std::atomic<bool> overtaken{half};
+        m_callbacks.whenRecorded = [&](const std::string& event) {
+            if (!half && event == "state running")
+                fake.send(sequenceInfo(1)), fake.push(frame(1, 1)), overtaken = true;
+        };
+        ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && fake.accept() && fake.send(fake.greeting()));
+        ASSERT_TRUE(m_callbacks.waitFor("state running") && waitFor([&] { return overtaken.load(); }));
+        // Half: the frame comes between the two halves and is dropped, its sequence not known yet.
+        if (half)
+        {
+            ASSERT_TRUE(
+                fake.send(sequenceInfo(1), 9, [&] { fake.push(frame(1, 1)), m_log.waitFor(dropped); }));
+        }
+        ASSERT_TRUE(fake.push(frame(1, 2)) &&
+                    waitFor([&] { return std::ranges::count(m_callbacks.seen().frames, 2) == 1; }));
+        m_receiver.shutdownReceiver();
+        using Frames = std::vector<std::uint64_t>;
+        EXPECT_EQ(m_callbacks.seen().frames, (half ? Frames{2} : Frames{1, 2}));
+        EXPECT_EQ(m_log.lines("WARN"), LogLines{}) << "nothing was missed";
+        EXPECT_EQ(
+            m_log.count("DEBUG Connection gone because of shutdown or because of an error; attempting to "
+                        "reconnect"),
+            0u);
+        m_callbacks.clear();
+        m_log.clear();
+    }
+}
+
+// A connection that fails before it is healthy is retried at once, then after 10, 20, 40 ... up
+// to 400 ms while attempts keep failing; an error that repeats is logged once, and its count when
+// it stops. A greeting that a retry can heal is never final.
+TEST_F(ReceiverTest, BacksOffAttemptsThatKeepFailingAndLogsTheirErrorOnce)
+{
+    FakeSender fake(m_address, m_scratch.path());
+    const std::string tooLong = "ipc://" + m_scratch.path() + "/" + std::string(120, 'u');
+    const std::function<bool()> acceptAndClose = [] { return true; }; // closed by the next accept
+    // clang-format off
+    const std::tuple<const char*, std::function<bool()>, std::string> cases[] = {
+        {"a peer that accepts and closes", acceptAndClose, "Could not get initial info; restarting connection attempt"},
+        {"a main channel too long to bind", [&] { return fake.send(fake.greeting(0, tooLong)); },
+         "Could not connect the nanomsg SP socket: " + errnoText(ENAMETOOLONG)},
+        {"a sequence no depayloader takes", [&] { return fake.send(fake.greeting()) && fake.send(sequenceInfo(1, alienFourcc)); },
+         "Got a SequenceInfo packet, but no matching payloader was found"},
+    };
+    // clang-format on
+    long sequences = 0;
+    const auto healthyConnection = [&] {
+        return fake.accept() && fake.send(fake.greeting()) && fake.send(sequenceInfo(1)) &&
+               m_callbacks.waitFor(sequence48k, ++sequences);
+    };
+    ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && healthyConnection());
+    for (const auto& [name, fail, error] : cases)
+    {
+        SCOPED_TRACE(name);
+        m_log.clear();
+        const auto start = std::chrono::steady_clock::now();
+        // Each accept ends the connection before: the healthy one first, then a failed one.
+        for (int attempt = 0; attempt < 7; ++attempt)
+            ASSERT_TRUE(fake.accept() && fail());
+        ASSERT_TRUE(healthyConnection() &&
+                    m_log.waitFor("WARN The last connection error came 7 times in a row"));
+        // A lower bound only, which no load can break: the delays below add up to 1030 ms.
+        EXPECT_GE(std::chrono::steady_clock::now() - start, 1s) << "the delays are waited for";
+        EXPECT_EQ(m_log.lines("ERROR"), LogLines{"ERROR " + error});
+        LogLines schedule;
+        for (int attempt = 1, delay = 0; attempt <= 8; ++attempt, delay = std::clamp(delay * 2, 10, 400))
+            schedule.push_back("TRACE Connection attempt " + std::to_string(attempt) +
+                               " in a row failed; next in " + std::to_string(delay) + " ms");
+        EXPECT_EQ(m_log.lines("TRACE Connection attempt"), schedule);
+    }
+    EXPECT_EQ(std::ranges::count(m_callbacks.seen().events, "failed"), 0) << "no attempt was final";
+}
+
+// Readiness waits for the network clock, and is reported for the sequence that is current then:
+// never for an earlier one after a newer sequence was refused.
+TEST_F(ReceiverTest, IsReadyOnlyForTheDepayloaderOfTheCurrentSequence)
+{
+    miscUtils::NetTimeProvider server;
+    ASSERT_TRUE(server.start("127.0.0.1", 0));
+    const unsigned int port = server.getPort();
+    server.stop(); // it serves once the current sequence has been refused
+    FakeSender fake(m_address, m_scratch.path());
+    ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && fake.accept() && fake.send(fake.greeting(port)));
+    ASSERT_TRUE(m_callbacks.waitFor("state running"));
+    ASSERT_TRUE(fake.push(sequenceInfo(1)) && m_callbacks.waitFor(sequence48k));
+    ASSERT_TRUE(fake.push(sequenceInfo(2, alienFourcc)) &&
+                m_log.waitFor(
+                    "WARN Could not select an VRX depayloader for this stream; its packets will be skipped"));
+    ASSERT_TRUE(
+        server.start("127.0.0.1", port) &&
+        m_log.waitFor("DEBUG Synchronized with network time server 127.0.0.1:" + std::to_string(port)));
+    ASSERT_TRUE(fake.push(sequenceInfo(3)) && m_callbacks.waitFor("ready synced net clock"));
+    EXPECT_EQ(m_callbacks.seen().events, (LogLines{"state connecting@caller", "state running", sequence48k,
+                                                   sequence48k, "ready synced net clock"}));
+}
+
+// When the Connecting callback throws, initialisation is undone and the exception is the caller's.
+TEST_F(ReceiverTest, AThrowFromTheConnectingCallbackLeavesTheReceiverIdleWithNothingOpen)
+{
+    const ProcessResources baseline = processResources();
+    m_receiver.setStateChangedCallback([](Receiver::State) { throw std::runtime_error("not now"); });
+    EXPECT_THROW(m_receiver.initializeReceiver(m_address), std::runtime_error);
+    EXPECT_EQ(m_receiver.getState(), Receiver::State::Idle);
+    EXPECT_TRUE(settlesAt(baseline));
+    m_callbacks.attach(m_receiver, m_depayloader);
+    EXPECT_TRUE(startSender() && m_receiver.initializeReceiver(m_address) && stream(1));
+}
+
 TEST_F(ReceiverTest, WatchesWhereSendersAppearAndThenRetriesAtOnce)
 {
     ASSERT_TRUE(fs::create_directory(m_scratch.path() + "/VrxSender-Ab12Cd"));
@@ -295,14 +441,14 @@ TEST_F(ReceiverTest, WatchesWhereSendersAppearAndThenRetriesAtOnce)
     EXPECT_EQ(m_log.lines("DEBUG Sender"), LogLines{"DEBUG Sender VrxSender-XXXXXX already created"});
     ASSERT_TRUE(m_log.waitFor("TRACE Could not connect to VRX sender; retrying in 400 ms"));
 
-    // What appears later counts when its name holds the prefix anywhere, whatever it is.
+    // What appears later counts when its name holds the prefix anywhere, whatever it is, and
+    // ends the wait it comes in.
     std::ofstream(m_scratch.path() + "/my-VrxSender-x") << "";
     EXPECT_TRUE(waitFor([&] {
         const LogLines lines = m_log.lines();
         const auto appeared = std::ranges::find(
             lines, "DEBUG Sender my-VrxSender-x initializing, signaling condition variable");
-        return std::find(appeared, lines.end(), "TRACE Could not connect to VRX sender; retrying in 2 ms") !=
-               lines.end();
+        return std::find(appeared, lines.end(), "TRACE A sender appeared; retrying at once") != lines.end();
     }));
     m_receiver.shutdownReceiver();
 

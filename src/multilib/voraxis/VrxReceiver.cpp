@@ -3,6 +3,7 @@
 #include "miscutils/Assert.h"
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
+#include "voraxis/AbstractAddress.h"
 #include "voraxis/LittleEndian.h"
 
 #include <log4cplus/logger.h>
@@ -13,9 +14,7 @@
 #include <nanomsg/pubsub.h>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -37,23 +36,23 @@ using namespace std::chrono_literals;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
-constexpr std::size_t maxSocketAddressLength = sizeof(sockaddr_un::sun_path) - 1;
 constexpr std::size_t readingLengthPrefix = static_cast<std::size_t>(-1);
 // The sidechannel reader grows its buffer by at most this much per read, so that a length
 // prefix alone never makes it allocate more than the peer actually sends.
 constexpr std::size_t sidechannelReadChunk = 64 * 1024;
 
-constexpr char wakeupByte = '1';
-constexpr std::size_t wakeupDrainSize = 1024;
-
 constexpr auto retryDelay = 400ms;
 constexpr auto quickRetryDelay = 2ms;
 constexpr auto quickRetryPeriod = 100ms;
+// After a failed attempt that is not the first in a row, the delay starts here and doubles up
+// to retryDelay.
+constexpr auto firstBackOff = 10ms;
 constexpr int inputPollSliceMs = 50;
 
 constexpr unsigned int timeSyncPollIntervalMs = 100;
 constexpr unsigned long long timeSyncMaxRoundTripNs = 175000000;
 
+constexpr std::string_view ipcScheme = "ipc://";
 constexpr std::string_view senderDirectoryPrefix = "VrxSender-";
 constexpr int fsMonitorPollMs = 5000;
 // One event header and room for a name.
@@ -64,6 +63,19 @@ std::string senderParentDirectory()
 {
     const char* directory = std::getenv("TMPDIR");
     return directory != nullptr ? directory : "/tmp/vrx";
+}
+
+int toPollTimeout(std::chrono::steady_clock::duration duration)
+{
+    return static_cast<int>(
+        std::max<std::int64_t>(std::chrono::ceil<std::chrono::milliseconds>(duration).count(), 0));
+}
+
+bool isPowerOfTen(unsigned long number)
+{
+    while (number >= 10 && number % 10 == 0)
+        number /= 10;
+    return number == 1;
 }
 
 } // namespace
@@ -145,7 +157,7 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     if (m_thread.joinable() || m_fsMonitorThread.joinable())
         stopThreads();
 
-    if (pipe2(m_wakeupPipe.data(), O_CLOEXEC) < 0)
+    if (!m_wakeupPipe.open())
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger,
@@ -155,20 +167,37 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     LOG4CPLUS_TRACE(logger, "Setting up receiver with socket address \"" << socketAddress << "\"");
 
     m_socketAddress = std::move(socketAddress);
+    m_receiverIsReadyReported = false;
     m_connectingState = ConnectingState::ConnectingSidechannel;
+    m_failedAttempts = 0;
+    m_nextAttemptAt = {};
     {
         std::lock_guard lock(m_mutex);
-        m_receiverIsReadyReported = false;
         m_state = State::Connecting;
         m_threadRunning = true;
+        m_pendingEvents = 0;
     }
+    // Whatever throws from here on (the callback, or a thread that cannot be started) leaves
+    // the receiver Idle with nothing open.
+    auto abandon = miscUtils::makeScopeGuard([this] { abandonInitialization(); });
     if (m_stateChangedCallback)
         m_stateChangedCallback(State::Connecting);
 
     startThread();
     startFsMonitorThread();
+    abandon.dismiss();
     LOG4CPLUS_DEBUG(logger, "Receiver initialized");
     return true;
+}
+
+void Receiver::abandonInitialization()
+{
+    // A receiver thread that started goes Idle by itself as it ends; otherwise nothing runs
+    // that could.
+    stopThreads();
+    std::lock_guard lock(m_mutex);
+    m_wakeupPipe.close();
+    m_state = State::Idle;
 }
 
 void Receiver::shutdownReceiver()
@@ -194,14 +223,16 @@ void Receiver::startThread()
 
 void Receiver::stopThread()
 {
+    bool woken = true;
     {
         std::lock_guard lock(m_mutex);
         m_threadRunning = false;
-        m_conditionVariable.notify_one();
-        // Wakes the receiver thread out of its wait for the greeting or for input.
-        if (m_wakeupPipe[1] >= 0 && write(m_wakeupPipe[1], &wakeupByte, 1) != 1)
-            LOG4CPLUS_ERROR(logger, "Failed to write stop flag");
+        // Wakes the receiver thread out of whatever it waits in.
+        if (m_wakeupPipe.isOpen())
+            woken = m_wakeupPipe.notify();
     }
+    if (!woken)
+        LOG4CPLUS_ERROR(logger, "Failed to write stop flag");
     if (m_thread.joinable())
         m_thread.join();
 }
@@ -212,14 +243,6 @@ void Receiver::threadLoop()
     while (iterate())
     {}
     setReceiverToIdle();
-    // After the Idle state change, so that the application sees Idle first.
-    if (m_connectionAttemptFailed)
-    {
-        LOG4CPLUS_DEBUG(logger, "Connection attempt failed; reporting this if a callback is set");
-        if (m_connectionAttemptFailedCallback)
-            m_connectionAttemptFailedCallback();
-        m_connectionAttemptFailed = false;
-    }
     LOG4CPLUS_DEBUG(logger, "Receiver thread stopped");
 }
 
@@ -238,14 +261,7 @@ bool Receiver::iterate()
             return true;
         LOG4CPLUS_DEBUG(
             logger, "Connection gone because of shutdown or because of an error; attempting to reconnect");
-        disconnectNanomsgMainChannel();
-        disconnectSidechannel();
-        {
-            std::lock_guard lock(m_mutex);
-            resetConnectionStates();
-        }
-        m_syncedNetClock.stopSynchronization();
-        m_connectingState = ConnectingState::ConnectingSidechannel;
+        restartConnection();
         setState(State::Connecting, false);
         return true;
     case State::Idle: break;
@@ -267,36 +283,76 @@ void Receiver::setState(State state, bool force)
 
 void Receiver::setReceiverToIdle()
 {
-    // Before taking m_mutex: stopping waits for the clock's thread, which may be reporting
-    // readiness under m_mutex.
+    // Stopping waits for the clock's thread, whose notification takes m_mutex: never under it.
     m_syncedNetClock.stopSynchronization();
-    {
-        std::lock_guard lock(m_mutex);
-        if (m_state == State::Idle)
-            return;
-        if (m_wakeupPipe[0] != -1)
-        {
-            close(m_wakeupPipe[0]);
-            close(m_wakeupPipe[1]);
-            m_wakeupPipe = {-1, -1};
-        }
-        disconnectNanomsgMainChannel();
-        disconnectSidechannel();
-        resetConnectionStates();
-        m_state = State::Idle;
-    }
+    disconnectNanomsgMainChannel();
+    disconnectSidechannel();
+    resetConnectionStates();
+    endFailureRun();
     if (m_stateChangedCallback)
         m_stateChangedCallback(State::Idle);
+    // After the Idle state change, so that the application sees Idle first.
+    if (m_connectionAttemptFailed)
+    {
+        LOG4CPLUS_DEBUG(logger, "Connection attempt failed; reporting this if a callback is set");
+        if (m_connectionAttemptFailedCallback)
+            m_connectionAttemptFailedCallback();
+        m_connectionAttemptFailed = false;
+    }
+    // Published last: once getState() reads Idle, this thread calls no callback any more and the
+    // application may set new ones.
+    std::lock_guard lock(m_mutex);
+    m_wakeupPipe.close();
+    m_state = State::Idle;
 }
 
 void Receiver::resetConnectionStates()
 {
-    m_initialInfo = InitialInfo{};
+    {
+        std::lock_guard lock(m_mutex);
+        m_initialInfo = InitialInfo{};
+        m_pendingEvents &= ~ClockStateChanged;
+    }
     m_currentSequenceNr = 0;
     m_receiverIsReadyReported = false;
-    m_announcedDepayloader = nullptr;
+    m_sequenceDepayloader = nullptr;
     m_connectingState = ConnectingState::ConnectingSidechannel;
+    // The depayloaders are the application's code: never called under the lock.
     m_depayloaderList.reset();
+}
+
+void Receiver::postEvent(Event event)
+{
+    // The byte stays in the pipe until the receiver thread drains it, after which it takes the
+    // event: a notification can never fall between its test and its wait.
+    std::lock_guard lock(m_mutex);
+    m_pendingEvents |= event;
+    if (m_wakeupPipe.isOpen())
+        m_wakeupPipe.notify();
+}
+
+bool Receiver::takeEvent(Event event)
+{
+    std::lock_guard lock(m_mutex);
+    const bool pending = (m_pendingEvents & event) != 0;
+    m_pendingEvents &= ~event;
+    return pending;
+}
+
+bool Receiver::isStopRequested() const
+{
+    std::lock_guard lock(m_mutex);
+    return !m_threadRunning;
+}
+
+bool Receiver::waitForWakeup(std::chrono::milliseconds timeout)
+{
+    pollfd wakeup{m_wakeupPipe.readFD(), POLLIN, 0};
+    // Interrupted, the wait ends early; the caller's next pass comes a little sooner.
+    if (poll(&wakeup, 1, static_cast<int>(timeout.count())) <= 0)
+        return false;
+    m_wakeupPipe.drain();
+    return true;
 }
 
 // ---- Connecting: sidechannel and greeting --------------------------------------------------
@@ -309,14 +365,16 @@ bool Receiver::handleConnectingState()
     case ConnectingState::NotConnecting:
     case ConnectingState::Connected: MISCUTILS_ASSERT(false); break;
     case ConnectingState::ConnectingSidechannel:
+        if (waitForNextAttempt())
+            return true;
         switch (connectSidechannel())
         {
         case ConnectionRetval::Success:
             LOG4CPLUS_DEBUG(logger, "Sidechannel to VRX sender established");
-            m_senderAppeared = false; // whatever appeared meanwhile, this is the sender
+            takeEvent(SenderAppeared); // whatever appeared meanwhile, this is the sender
             m_connectingState = ConnectingState::WaitingForInitialInfo;
             return true;
-        case ConnectionRetval::Retry: waitBeforeRetry(); return true;
+        case ConnectionRetval::Retry: scheduleRetry(); return true;
         case ConnectionRetval::Failed: m_connectionAttemptFailed = true; return false;
         }
         break;
@@ -329,9 +387,8 @@ bool Receiver::handleConnectingState()
         case InitialInfoRetval::NotYet: return true;
         case InitialInfoRetval::Aborted: LOG4CPLUS_DEBUG(logger, "Aborting connection attempt"); return false;
         case InitialInfoRetval::Error:
-            LOG4CPLUS_ERROR(logger, "Could not get initial info; restarting connection attempt");
-            disconnectSidechannel();
-            m_connectingState = ConnectingState::ConnectingSidechannel;
+            logConnectionFailure("Could not get initial info; restarting connection attempt");
+            restartConnection();
             return true;
         }
         break;
@@ -344,9 +401,12 @@ bool Receiver::handleConnectingState()
             m_connectingState = ConnectingState::Connected;
             return true;
         case ConnectionRetval::Retry:
+            // A main channel this receiver cannot use: the sender may come back with another, so
+            // the whole connection is tried again.
+            restartConnection();
             LOG4CPLUS_TRACE(logger, "Could not connect to VRX sender nanomsg SP socket; retrying in "
-                                        << std::chrono::milliseconds(retryDelay).count() << " ms");
-            std::this_thread::sleep_for(retryDelay);
+                                        << toPollTimeout(m_nextAttemptAt - std::chrono::steady_clock::now())
+                                        << " ms");
             return true;
         case ConnectionRetval::Failed: m_connectionAttemptFailed = true; return false;
         }
@@ -355,20 +415,34 @@ bool Receiver::handleConnectingState()
     return true;
 }
 
-void Receiver::waitBeforeRetry()
+void Receiver::scheduleRetry()
 {
-    // A sender that appeared since the last wait (or before the receiver started) is retried
-    // quickly: it creates its directory a moment before it listens. Taking the flag here,
-    // rather than clearing it, loses no sign of a sender that came between attempt and wait.
+    // A sender that appeared since the last attempt (or before the receiver started) is retried
+    // quickly: it creates its directory a moment before it listens.
     const auto now = std::chrono::steady_clock::now();
-    if (m_senderAppeared.exchange(false))
+    if (takeEvent(SenderAppeared))
         m_quickRetriesUntil = now + quickRetryPeriod;
     const auto delay = now < m_quickRetriesUntil ? quickRetryDelay : retryDelay;
     LOG4CPLUS_TRACE(logger, "Could not connect to VRX sender; retrying in "
                                 << std::chrono::milliseconds(delay).count() << " ms");
-    std::unique_lock lock(m_mutex);
-    m_conditionVariable.wait_until(lock, now + delay,
-                                   [this] { return m_senderAppeared || !m_threadRunning; });
+    m_nextAttemptAt = now + delay;
+}
+
+bool Receiver::waitForNextAttempt()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= m_nextAttemptAt)
+        return false;
+    // A stop ends the wait (the loop then ends at its next pass), and so does a sender that
+    // appears: it may be the one that works, and is tried at once.
+    if (waitForWakeup(std::chrono::milliseconds(toPollTimeout(m_nextAttemptAt - now))) &&
+        takeEvent(SenderAppeared))
+    {
+        LOG4CPLUS_TRACE(logger, "A sender appeared; retrying at once");
+        m_nextAttemptAt = now;
+        m_quickRetriesUntil = now + quickRetryPeriod;
+    }
+    return true;
 }
 
 Receiver::ConnectionRetval Receiver::connectSidechannel()
@@ -376,7 +450,10 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
     auto guard = miscUtils::makeScopeGuard([this] { disconnectSidechannel(); });
     if (m_sideChannelSocketFD < 0)
     {
-        m_sideChannelSocketFD = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        // Non-blocking: a listener that does not accept (its backlog full) must not hold the
+        // receiver thread where a stop cannot reach it. Such a connect fails with EAGAIN and is
+        // retried like any other.
+        m_sideChannelSocketFD.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         if (m_sideChannelSocketFD < 0)
         {
             const int error = errno;
@@ -387,13 +464,8 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
     }
     LOG4CPLUS_TRACE(logger, "Attempting to connect sidechannel");
 
-    // Abstract namespace: a leading 0 byte, then the name without a terminator.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::size_t length = std::min(m_socketAddress.size(), maxSocketAddressLength);
-    std::copy_n(m_socketAddress.begin(), length, address.sun_path + 1);
-    const auto addressLength = static_cast<socklen_t>(sizeof(address.sun_family) + 1 + length);
-    if (connect(m_sideChannelSocketFD, reinterpret_cast<const sockaddr*>(&address), addressLength) == 0)
+    const detail::AbstractSocketAddress address(m_socketAddress);
+    if (connect(m_sideChannelSocketFD, address.get(), address.size()) == 0)
     {
         LOG4CPLUS_DEBUG(logger, "Sidechannel connected with FD " << m_sideChannelSocketFD);
         guard.dismiss();
@@ -406,7 +478,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
         guard.dismiss();
         return ConnectionRetval::Retry;
     }
-    LOG4CPLUS_ERROR(logger, "Could not connect to sender: " << ErrnoText{error});
+    logConnectionFailure("Could not connect to sender: " + toString(ErrnoText{error}));
     return ConnectionRetval::Retry;
 }
 
@@ -416,8 +488,7 @@ void Receiver::disconnectSidechannel()
     {
         LOG4CPLUS_DEBUG(logger, "Closing sidechannel with FD " << m_sideChannelSocketFD);
         shutdown(m_sideChannelSocketFD, SHUT_RDWR);
-        close(m_sideChannelSocketFD);
-        m_sideChannelSocketFD = -1;
+        m_sideChannelSocketFD.reset();
     }
     m_sidechannelMessageSize = readingLengthPrefix;
     m_sidechannelBytesRead = 0;
@@ -437,7 +508,13 @@ bool Receiver::readSomeFromSidechannel(unsigned char* buffer, std::size_t count,
         return false;
     }
     const int error = errno;
-    LOG4CPLUS_ERROR(logger, "Could not read data from VRX sidechannel socket: " << ErrnoText{error});
+    // The socket does not block: nothing there right now is no error.
+    if (error == EAGAIN || error == EINTR)
+    {
+        bytesRead = 0;
+        return true;
+    }
+    logConnectionFailure("Could not read data from VRX sidechannel socket: " + toString(ErrnoText{error}));
     return false;
 }
 
@@ -483,33 +560,36 @@ Receiver::SidechannelReadRetval Receiver::readSidechannelMessage()
 Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
 {
     MISCUTILS_ASSERT(m_sideChannelSocketFD >= 0);
-    pollfd pollFDs[2] = {{m_wakeupPipe[0], POLLIN, 0}, {m_sideChannelSocketFD, POLLIN, 0}};
+    pollfd pollFDs[2] = {{m_wakeupPipe.readFD(), POLLIN, 0}, {m_sideChannelSocketFD, POLLIN, 0}};
     LOG4CPLUS_DEBUG(logger, "Waiting for initial info");
     while (poll(pollFDs, 2, -1) < 0)
     {
         const int error = errno;
         if (error == EINTR)
             continue;
-        LOG4CPLUS_ERROR(logger,
-                        "Could not poll for side channel activity to get initial info: " << ErrnoText{error});
+        logConnectionFailure("Could not poll for side channel activity to get initial info: " +
+                             toString(ErrnoText{error}));
         return InitialInfoRetval::Error;
     }
 
-    // A stop wins over data that is already waiting.
+    // A stop wins over data that is already waiting; an event is for later.
     if ((pollFDs[0].revents & POLLIN) != 0)
     {
-        LOG4CPLUS_DEBUG(logger, "Loop wakeup activity; aborting wait for initial info");
-        char drain[wakeupDrainSize];
-        if (read(m_wakeupPipe[0], drain, sizeof(drain)) < 0)
+        if (!m_wakeupPipe.drain())
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger,
                             "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
         }
+        if (!isStopRequested())
+            return InitialInfoRetval::NotYet;
+        LOG4CPLUS_DEBUG(logger, "Loop wakeup activity; aborting wait for initial info");
         return InitialInfoRetval::Aborted;
     }
+    // A hang-up or an error without data would be reported again at once: the connection is
+    // lost rather than waited on.
     if ((pollFDs[1].revents & POLLIN) == 0)
-        return InitialInfoRetval::NotYet;
+        return pollFDs[1].revents == 0 ? InitialInfoRetval::NotYet : InitialInfoRetval::Error;
 
     LOG4CPLUS_DEBUG(logger, "Sidechannel activity; reading initial info");
     switch (readSidechannelMessage())
@@ -538,6 +618,63 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
     return InitialInfoRetval::Success;
 }
 
+// ---- Failed attempts -----------------------------------------------------------------------
+//
+// A connection that fails before it is healthy (before a sequence was taken) is a failed
+// attempt. The first in a row is retried at once, each further one after twice the delay of
+// the one before, from 10 ms up to the 400 ms retry delay, so that a peer that fails the same
+// way again and again costs a few attempts a second. An error that repeats is logged once; its
+// run's length is logged when the run ends, and at every power of ten while it lasts.
+
+void Receiver::restartConnection()
+{
+    m_syncedNetClock.stopSynchronization();
+    disconnectNanomsgMainChannel();
+    disconnectSidechannel();
+    resetConnectionStates();
+
+    auto delay = std::chrono::steady_clock::duration::zero();
+    if (m_failedAttempts > 0)
+        delay = std::min<std::chrono::steady_clock::duration>(
+            firstBackOff * (1u << std::min(m_failedAttempts - 1, 16u)), retryDelay);
+    ++m_failedAttempts;
+    m_nextAttemptAt = std::chrono::steady_clock::now() + delay;
+    LOG4CPLUS_TRACE(logger, "Connection attempt " << m_failedAttempts << " in a row failed; next in "
+                                                  << toPollTimeout(delay) << " ms");
+}
+
+void Receiver::logConnectionFailure(const std::string& text, std::source_location where)
+{
+    if (text == m_repeatedFailure)
+    {
+        if (isPowerOfTen(++m_failureRepeats))
+            LOG4CPLUS_WARN(logger,
+                           "The last connection error has come " << m_failureRepeats << " times in a row");
+        return;
+    }
+    endFailureRun();
+    m_repeatedFailure = text;
+    m_failureRepeats = 1;
+    // Recorded at the caller's place, as if the caller had logged it.
+    if (logger.isEnabledFor(log4cplus::ERROR_LOG_LEVEL))
+        logger.forcedLog(log4cplus::ERROR_LOG_LEVEL, text, where.file_name(), static_cast<int>(where.line()),
+                         where.function_name());
+}
+
+void Receiver::connectionIsHealthy()
+{
+    m_failedAttempts = 0;
+    endFailureRun();
+}
+
+void Receiver::endFailureRun()
+{
+    if (m_failureRepeats > 1)
+        LOG4CPLUS_WARN(logger, "The last connection error came " << m_failureRepeats << " times in a row");
+    m_repeatedFailure.clear();
+    m_failureRepeats = 0;
+}
+
 // ---- Main channel --------------------------------------------------------------------------
 
 Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
@@ -549,18 +686,16 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     if (protocol != NanomsgProtocol::Pipeline && protocol != NanomsgProtocol::PubSub)
         MISCUTILS_ASSERT(false);
     const std::string& uri = m_initialInfo.nanomsgUri;
-    constexpr std::string_view ipcScheme = "ipc://";
     const bool ipc = uri.starts_with(ipcScheme);
     // nanomsg stops the whole process on some IPC paths that do not fit a Unix socket address
-    // instead of failing; a sender that announces one is refused like a failed connect.
+    // instead of failing; a sender that announces one is refused, as a failed attempt.
     if (ipc && uri.size() - ipcScheme.size() >= sizeof(sockaddr_un::sun_path))
     {
-        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{ENAMETOOLONG});
-        return ConnectionRetval::Failed;
+        logConnectionFailure("Could not connect the nanomsg SP socket: " + toString(ErrnoText{ENAMETOOLONG}));
+        return ConnectionRetval::Retry;
     }
 
-    m_nanomsgMainFD = nn_socket(AF_SP, protocol == NanomsgProtocol::PubSub ? NN_SUB : NN_PULL);
-    if (m_nanomsgMainFD < 0)
+    if (!m_nanomsgMainFD.open(protocol == NanomsgProtocol::PubSub ? NN_SUB : NN_PULL))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create nanomsg SP socket: " << ErrnoText{error});
@@ -569,15 +704,13 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
 
     if (protocol == NanomsgProtocol::PubSub)
     {
-        // The empty topic matches every message.
-        if (nn_setsockopt(m_nanomsgMainFD, NN_SUB, NN_SUB_SUBSCRIBE, "", 0) < 0)
+        if (!m_nanomsgMainFD.subscribeToEverything())
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not set SP socket subscription: " << ErrnoText{error});
             return ConnectionRetval::Failed;
         }
-        m_nanomsgEndpointID = nn_connect(m_nanomsgMainFD, uri.c_str());
-        if (m_nanomsgEndpointID < 0)
+        if (!m_nanomsgMainFD.attach(uri, false))
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
@@ -587,8 +720,7 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     else
     {
         // Pipeline: the receiver binds, so only one receiver can hold the address.
-        m_nanomsgEndpointID = nn_bind(m_nanomsgMainFD, uri.c_str());
-        if (m_nanomsgEndpointID < 0)
+        if (!m_nanomsgMainFD.attach(uri, true))
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
@@ -603,42 +735,26 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     }
 
     // Hold as little as possible ahead of the reader, and take messages of any size.
-    const int receiveBufferSize = 1;
-    const int unlimitedSize = -1;
-    nn_setsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_RCVBUF, &receiveBufferSize, sizeof(receiveBufferSize));
-    nn_setsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_RCVMAXSIZE, &unlimitedSize, sizeof(unlimitedSize));
+    m_nanomsgMainFD.setOption(NN_RCVBUF, 1);
+    m_nanomsgMainFD.setOption(NN_RCVMAXSIZE, -1);
 
-    int watchFD = -1;
-    std::size_t watchFDSize = sizeof(watchFD);
-    if (nn_getsockopt(m_nanomsgMainFD, NN_SOL_SOCKET, NN_RCVFD, &watchFD, &watchFDSize) < 0)
+    if (!m_nanomsgMainFD.fetchWatchFD(NN_RCVFD))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not retrieve the nanosmg watch FD: " << ErrnoText{error});
-        nn_shutdown(m_nanomsgMainFD, m_nanomsgEndpointID);
-        m_nanomsgEndpointID = -1;
         return ConnectionRetval::Failed;
     }
-    m_nanomsgWatchFD = watchFD;
-    LOG4CPLUS_DEBUG(logger, "Nanomsg watch FD: " << m_nanomsgWatchFD);
+    LOG4CPLUS_DEBUG(logger, "Nanomsg watch FD: " << m_nanomsgMainFD.watchFD());
     guard.dismiss();
     return ConnectionRetval::Success;
 }
 
 void Receiver::disconnectNanomsgMainChannel()
 {
-    if (m_nanomsgEndpointID >= 0)
+    if (!m_nanomsgMainFD.close())
     {
-        nn_shutdown(m_nanomsgMainFD, m_nanomsgEndpointID);
-        m_nanomsgEndpointID = -1;
-    }
-    if (m_nanomsgMainFD >= 0)
-    {
-        if (nn_close(m_nanomsgMainFD) < 0)
-        {
-            const int error = errno;
-            LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << ErrnoText{error});
-        }
-        m_nanomsgMainFD = -1;
+        const int error = errno;
+        LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << ErrnoText{error});
     }
 }
 
@@ -653,8 +769,9 @@ bool Receiver::listenForInput()
         Sidechannel
     };
     LOG4CPLUS_TRACE(logger, "Listening for input");
-    pollfd pollFDs[3] = {
-        {m_wakeupPipe[0], POLLIN, 0}, {m_nanomsgWatchFD, POLLIN, 0}, {m_sideChannelSocketFD, POLLIN, 0}};
+    pollfd pollFDs[3] = {{m_wakeupPipe.readFD(), POLLIN, 0},
+                         {m_nanomsgMainFD.watchFD(), POLLIN, 0},
+                         {m_sideChannelSocketFD, POLLIN, 0}};
     for (;;)
     {
         const int ready = poll(pollFDs, 3, inputPollSliceMs);
@@ -665,8 +782,8 @@ bool Receiver::listenForInput()
             const int error = errno;
             if (error == EINTR)
                 continue;
-            LOG4CPLUS_ERROR(
-                logger, "Could not poll for side channel activity to get initial info: " << ErrnoText{error});
+            logConnectionFailure("Could not poll for side channel activity to get initial info: " +
+                                 toString(ErrnoText{error}));
             return false;
         }
         // Packets the sender sent before it went away are still delivered; a quiet main
@@ -679,116 +796,178 @@ bool Receiver::listenForInput()
         }
     }
 
+    // A stop wins over packets that wait.
     if ((pollFDs[Wakeup].revents & POLLIN) != 0)
-    {
-        LOG4CPLUS_TRACE(logger, "Loop wakup activity; aborting wait for input");
-        char drain[wakeupDrainSize];
-        if (read(pollFDs[Wakeup].fd, drain, sizeof(drain)) < 0)
-        {
-            const int error = errno;
-            LOG4CPLUS_ERROR(logger,
-                            "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
-            return false;
-        }
-        std::lock_guard lock(m_mutex);
-        m_threadRunning = false;
-        return true;
-    }
-
-    if ((pollFDs[Nanomsg].revents & POLLIN) != 0)
-    {
-        LOG4CPLUS_TRACE(logger, "Nanomsg activity");
-        void* message = nullptr;
-        const int size = nn_recv(m_nanomsgMainFD, &message, NN_MSG, NN_DONTWAIT);
-        if (size < 0)
-        {
-            const int error = errno;
-            LOG4CPLUS_ERROR(logger,
-                            "Error while trying to receive data through nanomsg: " << ErrnoText{error});
-            return false;
-        }
-        // Freed on every way out, also when a callback throws.
-        const auto freeMessage = miscUtils::makeScopeGuard([message] { nn_freemsg(message); });
-        const ByteSpan packet(static_cast<const unsigned char*>(message), static_cast<std::size_t>(size));
-        if (!shouldPacketBeKept(packet))
-        {
-            LOG4CPLUS_TRACE(logger, "Dropping received nanomsg VRX packet with " << size << " byte(s)");
-            return !missedSequenceInfo(packet);
-        }
-        // On the data channel a missing depayloader costs only the stream.
-        switch (m_depayloaderList.consumePacket(packet))
-        {
-        case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
-            LOG4CPLUS_WARN(
-                logger, "Could not select an VRX depayloader for this stream; its packets will be skipped");
-            return true;
-        case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
-            LOG4CPLUS_WARN(logger, "Dropping received nanomsg VRX Frame packet because no matching VRX "
-                                   "depayloader was previously found");
-            return true;
-        case DepayloaderList::ConsumePacketRetcode::Error:
-            LOG4CPLUS_ERROR(logger, "Error while consuming VRX packet");
-            return false;
-        case DepayloaderList::ConsumePacketRetcode::Ok: break;
-        }
-        const PacketType packetType = m_depayloaderList.getCurrentPacketType();
-        LOG4CPLUS_TRACE(logger, "Received nanomsg VRX packet with "
-                                    << size << " byte(s); type: " << toString(packetType));
-        if (packetType == PacketType::SequenceInfo && !handleSequenceInfoPacket())
-            return false;
-        if (packetType == PacketType::Frame)
-            handleFramePacket();
-    }
-
+        return takeWakeup();
+    // The main channel forgives: a packet it cannot use costs that packet, or that stream.
+    if ((pollFDs[Nanomsg].revents & POLLIN) != 0 && !takeMainChannelPacket())
+        return false;
+    // The sidechannel does not: what it cannot use ends the connection.
     if ((pollFDs[Sidechannel].revents & POLLIN) != 0)
+        return takeSidechannelMessage();
+    // A hang-up or an error alone would be reported again at once: a sidechannel is lost as if
+    // closed, and anything else of the kind ends the connection rather than spin on it.
+    if (pollFDs[Sidechannel].revents != 0)
     {
-        LOG4CPLUS_TRACE(logger, "Sidechannel activity");
-        MISCUTILS_ASSERT(m_connectingState != ConnectingState::WaitingForInitialInfo);
-        switch (readSidechannelMessage())
-        {
-        case SidechannelReadRetval::Incomplete: return true;
-        case SidechannelReadRetval::Error:
-            // Not an error yet: the main channel is drained until it goes quiet.
-            disconnectSidechannel();
-            m_connectingState = ConnectingState::ConnectingSidechannel;
-            return true;
-        case SidechannelReadRetval::MessageComplete: break;
-        }
-        const ByteSpan packet(m_sidechannelMessage);
-        if (!shouldPacketBeKept(packet))
-        {
-            LOG4CPLUS_DEBUG(logger,
-                            "Dropping received sidechannel VRX packet with " << packet.size() << " bytes");
-            return true;
-        }
-        // On the control channel a missing depayloader ends the connection.
-        const DepayloaderList::ConsumePacketRetcode result = m_depayloaderList.consumePacket(packet);
-        const PacketType packetType = m_depayloaderList.getCurrentPacketType();
-        LOG4CPLUS_TRACE(logger, "Received sidechannel VRX packet with "
-                                    << packet.size() << " byte(s); type: " << toString(packetType));
-        switch (result)
-        {
-        case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
-            LOG4CPLUS_ERROR(logger, "Got a SequenceInfo packet, but no matching payloader was found");
-            return false;
-        case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
-            LOG4CPLUS_ERROR(logger, "Got a Frame packet, but no payloader is present");
-            return false;
-        case DepayloaderList::ConsumePacketRetcode::Error:
-            LOG4CPLUS_ERROR(logger, "Error while consuming VRX packet");
-            return false;
-        case DepayloaderList::ConsumePacketRetcode::Ok: break;
-        }
-        if (packetType == PacketType::SequenceInfo)
-            return handleSequenceInfoPacket();
-        if (packetType == PacketType::Frame)
-        {
-            LOG4CPLUS_ERROR(logger,
-                            "Got a Frame packet over the sidechannel; this is not supposed to happen!");
-            handleFramePacket();
-        }
+        disconnectSidechannel();
+        m_connectingState = ConnectingState::ConnectingSidechannel;
+    }
+    if (((pollFDs[Wakeup].revents | pollFDs[Nanomsg].revents) & ~POLLIN) != 0)
+    {
+        logConnectionFailure(
+            "The wakeup pipe or the nanomsg watch FD reported an error; restarting connection");
+        return false;
     }
     return true;
+}
+
+bool Receiver::takeWakeup()
+{
+    if (!m_wakeupPipe.drain())
+    {
+        const int error = errno;
+        logConnectionFailure("Error while receiving wakeup call over control pipe: " +
+                             toString(ErrnoText{error}));
+        return false;
+    }
+    if (isStopRequested())
+    {
+        // The loop ends at its next pass.
+        LOG4CPLUS_TRACE(logger, "Loop wakup activity; aborting wait for input");
+        return true;
+    }
+    if (takeEvent(ClockStateChanged))
+        reportReceiverIsReady();
+    return true;
+}
+
+bool Receiver::takeMainChannelPacket()
+{
+    LOG4CPLUS_TRACE(logger, "Nanomsg activity");
+    void* message = nullptr;
+    const int size = nn_recv(m_nanomsgMainFD, &message, NN_MSG, NN_DONTWAIT);
+    if (size < 0)
+    {
+        const int error = errno;
+        logConnectionFailure("Error while trying to receive data through nanomsg: " +
+                             toString(ErrnoText{error}));
+        return false;
+    }
+    // Freed on every way out, also when a callback throws.
+    const auto freeMessage = miscUtils::makeScopeGuard([message] { nn_freemsg(message); });
+    const ByteSpan packet(static_cast<const unsigned char*>(message), static_cast<std::size_t>(size));
+
+    // The first frames may overtake the greeting's SequenceInfo, which then still waits on the
+    // sidechannel: it is taken first, so that they are judged by the sequence it announces.
+    if (isFrameOfANewerSequence(packet) && !takeWaitingSidechannelMessages())
+        return false;
+    if (!shouldPacketBeKept(packet))
+    {
+        LOG4CPLUS_TRACE(logger, "Dropping received nanomsg VRX packet with " << size << " byte(s)");
+        // A newer sequence whose announcement this receiver missed: a new connection's
+        // greeting brings it.
+        if (!isFrameOfANewerSequence(packet) || sidechannelHoldsMore())
+            return true;
+        LOG4CPLUS_WARN(logger, "Missed the SequenceInfo packet of sequence nr "
+                                   << parsePacketSequenceNr(packet)
+                                   << "; reconnecting to be greeted with it");
+        return false;
+    }
+
+    const DepayloaderList::ConsumePacketRetcode result = m_depayloaderList.consumePacket(packet);
+    if (result != DepayloaderList::ConsumePacketRetcode::Ok &&
+        m_depayloaderList.getCurrentPacketType() == PacketType::SequenceInfo)
+        m_sequenceDepayloader = nullptr; // the current sequence has none now
+    switch (result)
+    {
+    case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
+        LOG4CPLUS_WARN(logger,
+                       "Could not select an VRX depayloader for this stream; its packets will be skipped");
+        return true;
+    case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
+        LOG4CPLUS_WARN(logger, "Dropping received nanomsg VRX Frame packet because no matching VRX "
+                               "depayloader was previously found");
+        return true;
+    case DepayloaderList::ConsumePacketRetcode::Error:
+        logConnectionFailure("Error while consuming VRX packet");
+        return false;
+    case DepayloaderList::ConsumePacketRetcode::Ok: break;
+    }
+    const PacketType packetType = m_depayloaderList.getCurrentPacketType();
+    LOG4CPLUS_TRACE(logger, "Received nanomsg VRX packet with "
+                                << size << " byte(s); type: " << toString(packetType));
+    if (packetType == PacketType::SequenceInfo)
+        return handleSequenceInfoPacket();
+    if (packetType == PacketType::Frame)
+        handleFramePacket();
+    return true;
+}
+
+bool Receiver::takeSidechannelMessage()
+{
+    LOG4CPLUS_TRACE(logger, "Sidechannel activity");
+    MISCUTILS_ASSERT(m_connectingState != ConnectingState::WaitingForInitialInfo);
+    switch (readSidechannelMessage())
+    {
+    case SidechannelReadRetval::Incomplete: return true;
+    case SidechannelReadRetval::Error:
+        // Not an error yet: the main channel is drained until it goes quiet.
+        disconnectSidechannel();
+        m_connectingState = ConnectingState::ConnectingSidechannel;
+        return true;
+    case SidechannelReadRetval::MessageComplete: break;
+    }
+    const ByteSpan packet(m_sidechannelMessage);
+    if (!shouldPacketBeKept(packet))
+    {
+        LOG4CPLUS_DEBUG(logger,
+                        "Dropping received sidechannel VRX packet with " << packet.size() << " bytes");
+        return true;
+    }
+    const DepayloaderList::ConsumePacketRetcode result = m_depayloaderList.consumePacket(packet);
+    const PacketType packetType = m_depayloaderList.getCurrentPacketType();
+    LOG4CPLUS_TRACE(logger, "Received sidechannel VRX packet with "
+                                << packet.size() << " byte(s); type: " << toString(packetType));
+    switch (result)
+    {
+    case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
+        logConnectionFailure("Got a SequenceInfo packet, but no matching payloader was found");
+        return false;
+    case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
+        logConnectionFailure("Got a Frame packet, but no payloader is present");
+        return false;
+    case DepayloaderList::ConsumePacketRetcode::Error:
+        logConnectionFailure("Error while consuming VRX packet");
+        return false;
+    case DepayloaderList::ConsumePacketRetcode::Ok: break;
+    }
+    if (packetType == PacketType::SequenceInfo)
+        return handleSequenceInfoPacket();
+    if (packetType == PacketType::Frame)
+    {
+        LOG4CPLUS_ERROR(logger, "Got a Frame packet over the sidechannel; this is not supposed to happen!");
+        handleFramePacket();
+    }
+    return true;
+}
+
+bool Receiver::takeWaitingSidechannelMessages()
+{
+    unsigned char byte;
+    while (m_sideChannelSocketFD >= 0 && recv(m_sideChannelSocketFD, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0)
+        if (!takeSidechannelMessage())
+            return false;
+    return true;
+}
+
+bool Receiver::sidechannelHoldsMore() const
+{
+    if (m_sideChannelSocketFD < 0)
+        return false;
+    // A message half read, or bytes that wait.
+    unsigned char byte;
+    return m_sidechannelMessageSize != readingLengthPrefix || m_sidechannelBytesRead > 0 ||
+           recv(m_sideChannelSocketFD, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 bool Receiver::shouldPacketBeKept(const ByteSpan& packet)
@@ -826,20 +1005,6 @@ bool Receiver::shouldPacketBeKept(const ByteSpan& packet)
     return true;
 }
 
-bool Receiver::missedSequenceInfo(const ByteSpan& droppedPacket) const
-{
-    // A frame of a newer sequence than the current one: its SequenceInfo was published while
-    // this receiver could not take it (not subscribed yet, or its pipe full), and no other
-    // announcement of it will come. A new connection is greeted with the current one.
-    const std::uint16_t sequenceNr = parsePacketSequenceNr(droppedPacket);
-    if (parsePacketType(droppedPacket) != PacketType::Frame || sequenceNr == m_currentSequenceNr ||
-        isSequenceNrTooOld(sequenceNr))
-        return false;
-    LOG4CPLUS_WARN(logger, "Missed the SequenceInfo packet of sequence nr "
-                               << sequenceNr << "; reconnecting to be greeted with it");
-    return true;
-}
-
 bool Receiver::isSequenceNrTooOld(unsigned short sequenceNr) const
 {
     // Late packets from just before the sender's counter wrapped. There is no allowance the
@@ -849,24 +1014,27 @@ bool Receiver::isSequenceNrTooOld(unsigned short sequenceNr) const
     return sequenceNr < m_currentSequenceNr;
 }
 
+bool Receiver::isFrameOfANewerSequence(const ByteSpan& packet) const
+{
+    const std::uint16_t sequenceNr = parsePacketSequenceNr(packet);
+    return parsePacketType(packet) == PacketType::Frame && sequenceNr != m_currentSequenceNr &&
+           !isSequenceNrTooOld(sequenceNr);
+}
+
 bool Receiver::handleSequenceInfoPacket()
 {
     Depayloader* depayloader = m_depayloaderList.getCurrentDepayloader();
     if (depayloader == nullptr)
     {
-        LOG4CPLUS_ERROR(logger, "No suitable VRX depayloader available; check that the PCM depayloader was "
-                                "added to the depayloader list");
+        logConnectionFailure("No suitable VRX depayloader available; check that the PCM depayloader was "
+                             "added to the depayloader list");
         return false;
     }
+    m_sequenceDepayloader = depayloader;
+    connectionIsHealthy();
     if (m_newSequenceCallback)
         m_newSequenceCallback(*depayloader);
-    {
-        // From now on the clock's thread may report readiness too: never before the
-        // application has heard of the sequence.
-        std::lock_guard lock(m_mutex);
-        m_announcedDepayloader = depayloader;
-    }
-    reportReceiverIsReady(ReadinessReporter::ReceiverThread);
+    reportReceiverIsReady();
     return true;
 }
 
@@ -906,18 +1074,21 @@ void Receiver::startTimeSynchronization()
 
 Receiver::StreamClockType Receiver::getStreamClockType() const
 {
-    std::lock_guard lock(m_mutex);
-    return streamClockType();
+    StreamClockType clockType;
+    {
+        std::lock_guard lock(m_mutex);
+        clockType = streamClockType();
+    }
+    if (clockType == StreamClockType::Undetermined)
+        LOG4CPLUS_ERROR(
+            logger, "Cannot query synced net clock availability unless the receiver is in the Running state");
+    return clockType;
 }
 
 Receiver::StreamClockType Receiver::streamClockType() const
 {
     if (m_state != State::Running)
-    {
-        LOG4CPLUS_ERROR(
-            logger, "Cannot query synced net clock availability unless the receiver is in the Running state");
         return StreamClockType::Undetermined;
-    }
     if (m_initialInfo.timeSyncProtocol == TimeSyncProtocol::MonotonicSystemClock)
         return StreamClockType::MonotonicSystemClock;
     return m_initialInfo.timeSyncPort != 0 ? StreamClockType::SyncedNetClock : StreamClockType::NoClock;
@@ -925,54 +1096,49 @@ Receiver::StreamClockType Receiver::streamClockType() const
 
 miscUtils::TimeValue Receiver::getCurrentStreamTime() const
 {
-    std::lock_guard lock(m_mutex);
-    if (m_initialInfo.timeSyncProtocol == TimeSyncProtocol::MonotonicSystemClock)
+    TimeSyncProtocol protocol;
+    {
+        std::lock_guard lock(m_mutex);
+        protocol = m_initialInfo.timeSyncProtocol;
+    }
+    // Read without the lock: the network clock's read retries while its estimate changes.
+    if (protocol == TimeSyncProtocol::MonotonicSystemClock)
         return miscUtils::getMonotonicSysclockTime();
     return m_syncedNetClock.getSynchronizedTime();
 }
 
-void Receiver::reportReceiverIsReady(ReadinessReporter reporter)
+void Receiver::reportReceiverIsReady()
 {
-    Depayloader* depayloader = nullptr;
-    StreamClockType clockType = StreamClockType::Undetermined;
+    MISCUTILS_ASSERT(m_state == State::Running);
+    if (m_receiverIsReadyReported)
+        return;
+    Depayloader* depayloader = m_sequenceDepayloader;
+    if (depayloader == nullptr)
     {
-        // Under the lock: the receiver thread and the clock's thread both report, and the
-        // claim must be made once.
-        std::lock_guard lock(m_mutex);
-        // The clock may report before the main channel is connected; readiness then follows
-        // from the first SequenceInfo.
-        if (reporter == ReadinessReporter::Clock && m_state != State::Running)
-            return;
-        MISCUTILS_ASSERT(m_state == State::Running);
-        if (m_receiverIsReadyReported)
-            return;
-        depayloader = m_announcedDepayloader;
-        if (depayloader == nullptr)
-        {
-            LOG4CPLUS_DEBUG(logger, "VRX payloader not available yet; cannot report stream as ready");
-            return;
-        }
-        clockType = streamClockType();
-        switch (clockType)
-        {
-        case StreamClockType::NoClock:
-        case StreamClockType::MonotonicSystemClock: break;
-        case StreamClockType::SyncedNetClock:
-            // Not yet: the clock's notification reports once it has synchronised.
-            if (!m_syncedNetClock.isSynchronized())
-                return;
-            break;
-        case StreamClockType::Undetermined: MISCUTILS_ASSERT(false);
-        }
-        m_receiverIsReadyReported = true;
+        LOG4CPLUS_DEBUG(logger, "VRX payloader not available yet; cannot report stream as ready");
+        return;
     }
+    const StreamClockType clockType = streamClockType();
+    switch (clockType)
+    {
+    case StreamClockType::NoClock:
+    case StreamClockType::MonotonicSystemClock: break;
+    case StreamClockType::SyncedNetClock:
+        // Not yet: the clock's notification brings the report once it has synchronised.
+        if (!m_syncedNetClock.isSynchronized())
+            return;
+        break;
+    case StreamClockType::Undetermined: MISCUTILS_ASSERT(false);
+    }
+    m_receiverIsReadyReported = true;
     if (m_receiverIsReadyCallback)
         m_receiverIsReadyCallback(*depayloader, clockType);
 }
 
 void Receiver::onClockSyncStateChange()
 {
-    reportReceiverIsReady(ReadinessReporter::Clock);
+    // On the clock's thread: the receiver thread reports, between its other callbacks.
+    postEvent(ClockStateChanged);
 }
 
 // ---- Directory monitor ---------------------------------------------------------------------
@@ -981,7 +1147,7 @@ void Receiver::startFsMonitorThread()
 {
     LOG4CPLUS_DEBUG(logger, "void vrx::Receiver::startFsMonitorThread()");
     // The watch comes before the scan, so that a sender appearing meanwhile is not missed.
-    m_inotifyFD = inotify_init1(IN_CLOEXEC);
+    m_inotifyFD.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     const std::string directory = senderParentDirectory();
     m_inotifyWatchDescriptor = inotify_add_watch(m_inotifyFD, directory.c_str(), IN_CREATE | IN_EXCL_UNLINK);
     if (m_inotifyWatchDescriptor < 0)
@@ -1002,22 +1168,26 @@ void Receiver::startFsMonitorThread()
                 fstatat(dirfd(listing), entry->d_name, &status, 0) == 0 && S_ISDIR(status.st_mode))
             {
                 LOG4CPLUS_DEBUG(logger, "Sender " << entry->d_name << " already created");
-                m_senderAppeared = true;
-                m_conditionVariable.notify_one();
+                postEvent(SenderAppeared);
                 break;
             }
         }
         closedir(listing);
     }
 
-    m_fsMonitorWakeupFD = eventfd(0, EFD_CLOEXEC);
+    // Without it a stop waits out the monitor's 5 s poll; it works all the same.
+    if (!m_fsMonitorWakeupPipe.open())
+    {
+        const int error = errno;
+        LOG4CPLUS_WARN(logger, "Cannot create the directory monitor's wakeup pipe: " << ErrnoText{error});
+    }
     m_fsMonitorThread = std::thread(&Receiver::fsMonitorThreadLoop, this);
 }
 
 void Receiver::fsMonitorThreadLoop()
 {
     LOG4CPLUS_DEBUG(logger, "void vrx::Receiver::fsMonitorThreadLoop()");
-    pollfd pollFDs[2] = {{m_inotifyFD, POLLIN, 0}, {m_fsMonitorWakeupFD, POLLIN, 0}};
+    pollfd pollFDs[2] = {{m_inotifyFD, POLLIN, 0}, {m_fsMonitorWakeupPipe.readFD(), POLLIN, 0}};
     for (;;)
     {
         const int ready = poll(pollFDs, 2, fsMonitorPollMs);
@@ -1026,7 +1196,7 @@ void Receiver::fsMonitorThreadLoop()
             if (!m_threadRunning)
                 return;
         }
-        // Only a stop writes the wake-up event.
+        // Only a stop writes the wake-up byte.
         if (ready <= 0 || pollFDs[1].revents != 0 || pollFDs[0].revents == 0)
             continue;
 
@@ -1044,31 +1214,22 @@ void Receiver::fsMonitorThreadLoop()
         if (name.find(senderDirectoryPrefix) == std::string_view::npos)
             continue;
         LOG4CPLUS_DEBUG(logger, "Sender " << name << " initializing, signaling condition variable");
-        m_senderAppeared = true;
-        m_conditionVariable.notify_one();
+        postEvent(SenderAppeared);
     }
 }
 
 void Receiver::stopFsMonitorThread()
 {
     LOG4CPLUS_DEBUG(logger, "void vrx::Receiver::stopFsMonitorThread()");
-    if (m_fsMonitorWakeupFD >= 0)
-    {
-        const std::uint64_t one = 1;
-        if (write(m_fsMonitorWakeupFD, &one, sizeof(one)) != sizeof(one))
-            LOG4CPLUS_ERROR(logger, "Failed to write stop flag");
-    }
+    if (m_fsMonitorWakeupPipe.isOpen() && !m_fsMonitorWakeupPipe.notify())
+        LOG4CPLUS_ERROR(logger, "Failed to write stop flag");
     if (m_fsMonitorThread.joinable())
         m_fsMonitorThread.join();
-    // Closed once, and forgotten, so that a second stop never closes a reused number.
     if (m_inotifyFD >= 0)
-    {
         inotify_rm_watch(m_inotifyFD, m_inotifyWatchDescriptor);
-        close(m_inotifyFD);
-    }
-    if (m_fsMonitorWakeupFD >= 0)
-        close(m_fsMonitorWakeupFD);
-    m_inotifyFD = m_inotifyWatchDescriptor = m_fsMonitorWakeupFD = -1;
+    m_inotifyFD.reset();
+    m_inotifyWatchDescriptor = -1;
+    m_fsMonitorWakeupPipe.close();
 }
 
 } // namespace vrx

@@ -3,18 +3,19 @@
 #include <voraxis/SideChannel.h>
 #include <voraxis/VrxPayload.h>
 
+#include <voraxis/NanomsgSocket.h>
+
+#include <miscutils/Descriptors.h>
 #include <miscutils/Export.h>
 #include <miscutils/MiscUtils.h>
 #include <miscutils/SyncedNetClock.h>
 
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <source_location>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,31 +31,52 @@ namespace vrx {
 /// every callback below except the first Connecting one) and a directory monitor thread, which
 /// watches $TMPDIR (default "/tmp/vrx") for senders appearing so that a waiting receiver
 /// connects at once instead of at its next 400 ms retry. A network clock announced by the
-/// sender runs a thread of its own, on which the ready callback may run too.
+/// sender runs a thread of its own, which only wakes the receiver thread.
 ///
-/// Callbacks run without any lock held and may call getState, getStreamClockType and
-/// getCurrentStreamTime. They must not call shutdownReceiver or initializeReceiver, nor destroy
-/// the receiver: those join the receiver thread. Set callbacks and depayloaders before
-/// initializeReceiver (or while the receiver is Idle); they are read without a lock.
+/// Callbacks run on the receiver thread, one at a time and in order, without any lock held;
+/// they may call getState, getStreamClockType and getCurrentStreamTime. They must not call
+/// shutdownReceiver or initializeReceiver, nor destroy the receiver: those join the receiver
+/// thread. An exception that leaves a callback on the receiver thread ends the process
+/// (std::terminate), as one that leaves any thread does; one that leaves the Connecting
+/// callback reaches the caller of initializeReceiver. Set callbacks and depayloaders before
+/// initializeReceiver or while getState() reads Idle; they are read without a lock. Depayloaders
+/// are called on the receiver thread only, never under the receiver's lock, so they may call
+/// these queries too.
 ///
 /// Where this receiver takes the safe side:
 /// - Shut-down is prompt: a stop wakes the directory monitor at once (it otherwise polls every
-///   5 s), so shutdownReceiver returns within milliseconds in every state.
-/// - A clock notification never aborts: the network clock can report "synchronised" before the
-///   main channel is connected; such notifications are ignored while the receiver is not
-///   Running, and readiness then follows from the first SequenceInfo.
-/// - Initialising again after a connect step failed for good is safe: the loop has ended by
-///   then but its threads are still to be joined; initializeReceiver joins them and starts
-///   afresh.
-/// - A sender creates its directory a moment before it listens on its socket; after a sender
-///   appeared, failed attempts are retried every 2 ms for 100 ms before the 400 ms period
-///   resumes, so that the receiver connects within milliseconds of the sender. A sender that
-///   appears between an attempt and the following wait is not missed either.
-/// - A missed announcement is recovered: a sender publishes a new sequence's SequenceInfo once,
-///   on the main channel, which drops it for a receiver that is not subscribed yet (it connected
-///   just before the sequence started) or whose pipe is full. Frames of a newer sequence than
-///   the current one are then dropped as always, and the receiver reconnects, since the greeting
-///   of a new connection carries the current sequence.
+///   5 s), and the sidechannel is connected without blocking, so that a sender whose backlog is
+///   full (or any listener that never accepts) cannot hold the receiver thread; shutdownReceiver
+///   returns within milliseconds in every state.
+/// - A clock notification never aborts, and readiness is reported on the receiver thread: the
+///   network clock's thread only wakes the receiver thread, which reports readiness when it is
+///   Running (a notification that comes earlier is taken up there), for the depayloader that
+///   took the current sequence and never for one of an earlier sequence.
+/// - getState() reads Idle only once the receiver thread will make no more callbacks (the Idle
+///   state change and a failed-attempt report come before), so that callbacks may be set then.
+/// - initializeReceiver is all or nothing: when the Connecting callback throws, or a thread
+///   cannot be started, the receiver is Idle again with nothing left open, and the exception
+///   reaches the caller. Initialising again after a connect step failed for good is safe: the
+///   loop has ended by then but its threads are still to be joined; initializeReceiver joins
+///   them and starts afresh.
+/// - A sender that appears is never noticed late: the directory monitor wakes the retry wait
+///   through the same pipe that a stop uses, so its notification cannot be lost. A sender creates
+///   its directory a moment before it listens on its socket; after a sender appeared, failed
+///   attempts are retried every 2 ms for 100 ms before the 400 ms period resumes, so that the
+///   receiver connects within milliseconds of the sender.
+/// - No reconnect storms: a connection that fails before it is healthy (before a sequence was
+///   taken: the greeting is cut short or names a format or a main channel that cannot be used,
+///   or its peer accepts and closes at once) is a failed attempt. The first is retried at once,
+///   the next ones after 10 ms, 20 ms, ... up to 400 ms; an error that repeats is logged once,
+///   with the number of repeats when its run ends (and at every power of ten while it lasts).
+///   Only the failures that cannot heal by retrying (no socket, a pipeline address that another
+///   receiver holds) end the loop with a failed-attempt report.
+/// - A missed announcement is recovered, and a healthy start is never taken for one: a sender
+///   publishes a new sequence's SequenceInfo once, on the main channel, which drops it for a
+///   receiver that is not subscribed yet or whose pipe is full. Frames of a newer sequence than
+///   the current one then make the receiver reconnect, since the greeting of a new connection
+///   carries the current sequence; but first it takes whatever the sidechannel holds, since the
+///   greeting's own SequenceInfo may still wait there when the first frames arrive.
 class VRX_EXPORT Receiver
 {
 public:
@@ -74,12 +96,12 @@ public:
         SyncedNetClock = 3,       ///< the network clock served by the sender's time server
     };
 
-    /// The stream is playable: `depayloader` was selected by a SequenceInfo and the clock is
-    /// usable. Once per connection, on the receiver thread or on the network clock's thread.
+    /// The stream is playable: `depayloader` took the current sequence and the clock is usable.
+    /// Once per connection.
     using ReceiverIsReadyCallback = std::function<void(Depayloader& depayloader, StreamClockType clockType)>;
     using StateChangedCallback = std::function<void(State newState)>;
     /// A connect step failed for good (no socket could be made, or the main channel could not be
-    /// opened, e.g. a second pipeline receiver for one sender): the receiver is Idle and stays so.
+    /// opened, e.g. a second pipeline receiver for one sender): the receiver goes Idle and stays so.
     using ConnectionAttemptFailedCallback = std::function<void()>;
     /// One frame; `mediaData` is valid during the call only.
     using MediaDataCallback = std::function<void(unsigned long long timestamp, unsigned long long duration,
@@ -103,7 +125,8 @@ public:
     /// callback runs on this thread) and the receiver thread connects as soon as the sender is
     /// there. Returns true, also when the receiver already was Connecting or Running (the
     /// address is then not changed); false when the wake-up pipe cannot be created. A failure
-    /// to start a thread throws std::system_error.
+    /// to start a thread throws std::system_error, and so does whatever the Connecting callback
+    /// throws; the receiver is Idle again then, with nothing left open.
     bool initializeReceiver(std::string socketAddress);
 
     /// Stops both threads and returns when they have ended; the receiver is Idle afterwards.
@@ -113,7 +136,8 @@ public:
     State getState() const;
 
     /// Current time on the stream's clock: the monotonic clock for "sysclock" streams, else the
-    /// network clock's reading (local monotonic time while it has never synchronised).
+    /// network clock's reading (local monotonic time while it has never synchronised). Any
+    /// thread; it never waits for the receiver thread.
     miscUtils::TimeValue getCurrentStreamTime() const;
 
     /// The stream's clock while Running; Undetermined (with an error logged) otherwise.
@@ -154,24 +178,44 @@ private:
         Error = 2,
     };
 
+    // What other threads tell the receiver thread, with a byte on m_wakeupPipe.
+    enum Event : unsigned int
+    {
+        SenderAppeared = 1,    ///< the directory monitor saw a sender's directory
+        ClockStateChanged = 2, ///< the network clock synchronised or lost it
+    };
+
     // Thread loop and state machine.
     void startThread();
     void stopThread();
     void stopThreads();
+    void abandonInitialization();
     void threadLoop();
     bool iterate();
     void setState(State state, bool force);
     void setReceiverToIdle();
-    void resetConnectionStates(); // m_mutex held
+    void resetConnectionStates();
+    void postEvent(Event event);
+    bool takeEvent(Event event);
+    bool isStopRequested() const;
+    bool waitForWakeup(std::chrono::milliseconds timeout);
 
     // Connecting: sidechannel and greeting.
     bool handleConnectingState();
-    void waitBeforeRetry();
+    void scheduleRetry();
+    bool waitForNextAttempt();
     ConnectionRetval connectSidechannel();
     void disconnectSidechannel();
     bool readSomeFromSidechannel(unsigned char* buffer, std::size_t count, std::size_t& bytesRead);
     SidechannelReadRetval readSidechannelMessage();
     InitialInfoRetval listenForInitialInfo();
+
+    // Failed attempts: back-off and a log without repeats.
+    void restartConnection();
+    void logConnectionFailure(const std::string& text,
+                              std::source_location where = std::source_location::current());
+    void connectionIsHealthy();
+    void endFailureRun();
 
     // Main channel.
     ConnectionRetval connectNanomsgMainChannel();
@@ -179,21 +223,21 @@ private:
 
     // Running.
     bool listenForInput();
+    bool takeWakeup();
+    bool takeMainChannelPacket();
+    bool takeSidechannelMessage();
+    bool takeWaitingSidechannelMessages();
+    bool sidechannelHoldsMore() const;
     bool shouldPacketBeKept(const ByteSpan& packet);
     bool isSequenceNrTooOld(unsigned short sequenceNr) const;
-    bool missedSequenceInfo(const ByteSpan& droppedPacket) const;
+    bool isFrameOfANewerSequence(const ByteSpan& packet) const;
     bool handleSequenceInfoPacket();
     void handleFramePacket();
 
     // Stream clock and readiness.
-    enum class ReadinessReporter
-    {
-        ReceiverThread, ///< a SequenceInfo selected a depayloader
-        Clock,          ///< the network clock's synchronisation state changed
-    };
     void startTimeSynchronization();
-    StreamClockType streamClockType() const; // m_mutex held
-    void reportReceiverIsReady(ReadinessReporter reporter);
+    StreamClockType streamClockType() const; // m_mutex held, or on the receiver thread
+    void reportReceiverIsReady();
     void onClockSyncStateChange();
 
     // Directory monitor.
@@ -213,16 +257,13 @@ private:
     bool m_threadRunning = false; // m_mutex
     mutable std::mutex m_mutex;
     std::thread m_thread;
-    std::condition_variable m_conditionVariable;
-    // Set by the directory monitor without the lock, taken by the receiver thread's retry wait.
-    std::atomic<bool> m_senderAppeared{false};
-    // End of the quick retries after a sender appeared; receiver thread only.
-    std::chrono::steady_clock::time_point m_quickRetriesUntil{};
+    // Events posted and not yet taken; m_mutex.
+    unsigned int m_pendingEvents = 0;
     std::thread m_fsMonitorThread;
-    // Readiness is claimed under m_mutex: the receiver thread and the clock's thread both report.
+    // The receiver thread's own, like everything below up to the descriptors.
     bool m_receiverIsReadyReported = false;
-    // The depayloader of the latest sequence the application was told of; m_mutex.
-    Depayloader* m_announcedDepayloader = nullptr;
+    // The depayloader that took the current sequence; none while it was refused.
+    Depayloader* m_sequenceDepayloader = nullptr;
     ReceiverIsReadyCallback m_receiverIsReadyCallback;
     StateChangedCallback m_stateChangedCallback;
     ConnectionAttemptFailedCallback m_connectionAttemptFailedCallback;
@@ -232,16 +273,25 @@ private:
     std::size_t m_sidechannelMessageSize = static_cast<std::size_t>(-1);
     std::size_t m_sidechannelBytesRead = 0;
     Buffer m_sidechannelMessage;
-    int m_sideChannelSocketFD = -1;
-    int m_nanomsgMainFD = -1;
-    int m_nanomsgWatchFD = -1; // owned by the nanomsg socket, never closed here
-    std::array<int, 2> m_wakeupPipe{-1, -1};
-    int m_nanomsgEndpointID = -1;
+    // When the next attempt may start, and until when attempts are retried quickly after a
+    // sender appeared.
+    std::chrono::steady_clock::time_point m_nextAttemptAt{};
+    std::chrono::steady_clock::time_point m_quickRetriesUntil{};
+    // Failed attempts since the last healthy connection.
+    unsigned int m_failedAttempts = 0;
+    // The error of the last failure, and how many times in a row it came.
+    std::string m_repeatedFailure;
+    unsigned long m_failureRepeats = 0;
+    miscUtils::FileDescriptor m_sideChannelSocketFD;
+    // The SP socket with its endpoint and receive watch descriptor.
+    detail::NanomsgSocket m_nanomsgMainFD;
+    // Opened and closed under m_mutex; written by stops and by posted events.
+    miscUtils::WakeupPipe m_wakeupPipe;
     miscUtils::SyncedNetClock m_syncedNetClock;
-    int m_inotifyFD = -1;
+    miscUtils::FileDescriptor m_inotifyFD;
     int m_inotifyWatchDescriptor = -1;
     // Wakes the directory monitor out of its 5 s poll when the receiver stops.
-    int m_fsMonitorWakeupFD = -1;
+    miscUtils::WakeupPipe m_fsMonitorWakeupPipe;
 };
 
 /// "idle", "connecting", "running"; "unknown" for any other value.

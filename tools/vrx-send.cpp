@@ -404,7 +404,8 @@ private:
     bool waitForReceiver()
     {
         m_waitingForReceiver = true;
-        while (!m_sender.areThereClientConnections())
+        // Both channels: a frame sent before the receiver's main channel is attached is lost.
+        while (!m_sender.areThereClientConnections() || !m_sender.areThereMainChannelConnections())
         {
             pollfd stop{m_stop.fd(), POLLIN, 0};
             if (poll(&stop, 1, 10) > 0)
@@ -565,8 +566,8 @@ void describeOptions(CLI::App& app, Options& options)
            "127.0.0.1:5000")
         ->type_name("IP:PORT");
     app.add_flag("--wait-receiver", options.waitForReceiver,
-                 "Start streaming only once a receiver has connected, so that a file is heard from its start "
-                 "(its very first frame may still be lost while the receiver's data channel connects).");
+                 "Start streaming only once a receiver has connected both its channels, so that a file is "
+                 "heard from its very first frame.");
     addLoggingOptions(app, options.logging);
 
     file->excludes(stdinFlag)->excludes(tone)->excludes(rate)->excludes(channels)->excludes(format);

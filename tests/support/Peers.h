@@ -41,11 +41,10 @@ public:
     explicit SidechannelClient(const std::string& address)
         : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_un to{AF_UNIX, {}};
-        const std::size_t length = std::min(address.size(), sizeof(to.sun_path) - 1);
-        std::memcpy(to.sun_path + 1, address.data(), length); // abstract: behind a 0 byte
+        sockaddr_un to;
+        const socklen_t size = makeAbstractSocketAddress(address, to);
         setReceiveTimeout(m_fd, conditionDeadline);
-        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&to), sizeof(sa_family_t) + 1 + length) < 0)
+        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&to), size) < 0)
             close();
     }
     ~SidechannelClient() { close(); }
@@ -144,9 +143,8 @@ public:
     FakeSender(const std::string& address, const std::string& directory)
         : m_uri("ipc://" + directory + "/fake.ipc")
     {
-        sockaddr_un at{AF_UNIX, {}};
-        std::memcpy(at.sun_path + 1, address.data(), std::min(address.size(), sizeof(at.sun_path) - 1));
-        const auto size = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + address.size());
+        sockaddr_un at;
+        const socklen_t size = makeAbstractSocketAddress(address, at);
         if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 || listen(m_listener, 4) < 0)
             throw std::runtime_error("the fake sender cannot listen");
     }

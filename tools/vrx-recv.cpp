@@ -46,7 +46,7 @@ struct Options
     double durationSeconds = 0;
     std::uint64_t frameLimit = 0;
     bool exitWithSender = false;
-    LoggingOptions logging;
+    CommonOptions common;
 };
 
 // A receiver also reconnects to a sender that is still there (one that it joined just before
@@ -331,8 +331,8 @@ public:
         receiver.setStateChangedCallback([this](State state) { onStateChanged(state); });
         receiver.setReceiverIsReadyCallback([this](vrx::Depayloader&, ClockType clock) { m_clock = clock; });
         receiver.setConnectionAttemptFailedCallback([this] {
-            printNote("cannot open the data channel of '" + m_options.address +
-                      "' (a pipeline sender takes one receiver only; --log-level debug shows why)");
+            printNote("cannot open the data channel of " + printable(m_options.address) +
+                      " (a pipeline sender takes one receiver only; --log-level debug shows why)");
             stop(StopReason::Failed);
         });
         receiver.setNewSequenceCallback([this](vrx::Depayloader&) { onNewSequence(); });
@@ -443,15 +443,18 @@ private:
     std::optional<TimeValue> m_firstTimestamp;
 };
 
-std::string statusText(Recording& recording, const std::string& address)
+/// The status line's fields, the most important first: the line drops them from the right.
+std::vector<std::string> statusFields(Recording& recording, const std::string& address)
 {
     const StreamSnapshot snapshot = recording.stats().snapshot(now());
     if (recording.state() != State::Running)
-        return "connecting to '" + address + "' | " + std::to_string(snapshot.frames) + " frames";
-    return std::string("running | ") + (snapshot.format ? snapshot.format->describe() : "no sequence yet") +
-           " | " + std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) +
-           ") | " + std::to_string(snapshot.gaps) + " gaps | peak " + describePeaks(snapshot.peaks) +
-           " | latency " + describeLatency(snapshot.recentLatency);
+        return {"connecting to " + printable(address), std::to_string(snapshot.frames) + " frames"};
+    return {"running",
+            snapshot.format ? snapshot.format->describe() : "no sequence yet",
+            std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
+            std::to_string(snapshot.gaps) + " gaps",
+            "peak " + describePeaks(snapshot.peaks),
+            "latency " + describeLatency(snapshot.recentLatency)};
 }
 
 std::string summaryText(Recording& recording, const Options& options)
@@ -471,7 +474,7 @@ std::string summaryText(Recording& recording, const Options& options)
     case StopReason::None: reason = "on a signal"; break;
     }
     if (snapshot.frames == 0)
-        return "stopped " + reason + "; nothing arrived from '" + options.address + "'";
+        return "stopped " + reason + "; nothing arrived from " + printable(options.address);
     std::string files;
     for (const std::string& file : recording.output().files())
         files += (files.empty() ? "" : ", ") + file;
@@ -526,7 +529,7 @@ void describeOptions(CLI::App& app, Options& options)
         "--exit-with-sender", options.exitWithSender,
         "Stop when the sender goes away (after what it sent has arrived; no sender to reconnect to for a "
         "second) instead of waiting for it to come back.");
-    addLoggingOptions(app, options.logging);
+    addCommonOptions(app, options.common);
     app.footer(
         R"(Without --out or --stdout, vrx-recv only shows the stream. Ctrl-C (SIGINT) or SIGTERM stops it
 cleanly: the file's header is finalised. A summary of what arrived goes to stderr at the end. On a
@@ -542,7 +545,7 @@ Examples:
 
 int run(const Options& options, SignalDescriptor& signals)
 {
-    configureLogging(options.logging);
+    configureLogging(options.common);
     if (!ensureSenderParentDirectory())
         return 1;
 
@@ -564,7 +567,7 @@ int run(const Options& options, SignalDescriptor& signals)
             recording.stop(StopReason::Signal);
         recording.checkSenderGone(now());
         if (status.due(now()))
-            status.show(statusText(recording, options.address));
+            status.show(statusFields(recording, options.address));
     }
     receiver.shutdownReceiver(); // after it, no callback queues output any more
     recording.finishOutput();

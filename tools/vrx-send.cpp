@@ -14,6 +14,7 @@
 
 #include <miscutils/MiscUtils.h>
 #include <miscutils/SyncedNetClock.h>
+#include <voraxis/SideChannel.h>
 #include <voraxis/VrxSender.h>
 
 #include <log4cplus/initializer.h>
@@ -56,7 +57,7 @@ struct Options
     unsigned int frameMs = 10;
     double reformatEvery = 0;
     bool waitForReceiver = false;
-    LoggingOptions logging;
+    CommonOptions common;
 };
 
 // ---- Sources ---------------------------------------------------------------------------
@@ -149,11 +150,11 @@ public:
         File file{path, {}, nullptr};
         file.handle.reset(sf_open(path.c_str(), SFM_READ, &file.info));
         if (!file.handle)
-            error = "cannot read '" + path + "': " + sf_strerror(nullptr);
+            error = "cannot read " + printable(path) + ": " + sf_strerror(nullptr);
         else if (file.info.frames <= 0)
-            error = "'" + path + "' holds no samples";
+            error = printable(path) + " holds no samples";
         else if (file.info.channels > 255)
-            error = "'" + path + "' has " + std::to_string(file.info.channels) +
+            error = printable(path) + " has " + std::to_string(file.info.channels) +
                     " channels; a stream has at most 255";
         else
             return file;
@@ -488,8 +489,8 @@ void describeOptions(CLI::App& app, Options& options)
 {
     addAddressArgument(
         app, options.address,
-        "Sidechannel address receivers connect to: an abstract Unix socket name, 1 to 107 bytes. "
-        "Example: vrx-send my-audio");
+        "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to " +
+            std::to_string(vrx::MaxSocketAddressLength) + " bytes. Example: vrx-send my-audio");
     auto* file =
         app.add_option("-f,--file", options.files,
                        "Send this audio file (any format libsndfile reads), in its own rate, channels "
@@ -543,7 +544,7 @@ void describeOptions(CLI::App& app, Options& options)
             [](std::string& value) -> std::string {
                 return value == "pubsub" || value == "pipeline"
                            ? ""
-                           : "must be pubsub or pipeline, not '" + value + "'";
+                           : "must be pubsub or pipeline, not " + printable(value);
             },
             ""));
     app.add_option(
@@ -551,13 +552,7 @@ void describeOptions(CLI::App& app, Options& options)
            "Address to listen on when ADDRESS is taken by another sender. Example: --alternative-address "
            "my-audio-2")
         ->type_name("ADDRESS")
-        ->check(CLI::Validator(
-            [](std::string& value) -> std::string {
-                return value.size() <= 107
-                           ? ""
-                           : "too long (" + std::to_string(value.size()) + " bytes); at most 107";
-            },
-            ""));
+        ->check(addressLength());
     app.add_option(
            "--time-server", options.timeServer,
            "Announce the network time server at IP:PORT instead of the monotonic clock, and stamp frames "
@@ -567,7 +562,7 @@ void describeOptions(CLI::App& app, Options& options)
     app.add_flag("--wait-receiver", options.waitForReceiver,
                  "Start streaming only once a receiver has connected, so that a file is heard from its start "
                  "(its very first frame may still be lost while the receiver's data channel connects).");
-    addLoggingOptions(app, options.logging);
+    addCommonOptions(app, options.common);
 
     file->excludes(stdinFlag)->excludes(tone)->excludes(rate)->excludes(channels)->excludes(format);
     reformat->excludes(file)->excludes(stdinFlag);
@@ -603,12 +598,12 @@ int run(Options& options, SignalDescriptor& signals)
     }
     if (!options.timeServer.empty() && !parseTimeServer(options))
     {
-        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not '" + options.timeServer +
-                  "' (see --help)");
+        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not " + printable(options.timeServer) +
+                  " (see --help)");
         return 2;
     }
 
-    configureLogging(options.logging);
+    configureLogging(options.common);
     if (!ensureSenderParentDirectory())
         return 1;
 
@@ -616,7 +611,9 @@ int run(Options& options, SignalDescriptor& signals)
     if (!options.timeServerIP.empty())
     {
         netClock = std::make_unique<miscUtils::SyncedNetClock>();
-        netClock->startSynchronization(options.timeServerIP, options.timeServerPort, 100, 175'000'000, [] {});
+        netClock->startSynchronization(options.timeServerIP, options.timeServerPort,
+                                       miscUtils::SyncedNetClock::DefaultPollIntervalMs,
+                                       miscUtils::SyncedNetClock::DefaultMaxRoundTripNs, [] {});
         const TimeValue giveUp = now() + clockSyncTimeout;
         while (!netClock->isSynchronized())
         {
@@ -641,10 +638,10 @@ int run(Options& options, SignalDescriptor& signals)
         if (probe >= 0)
         {
             close(probe);
-            printNote("another sender already listens at '" + options.address + "'");
+            printNote("another sender already listens at " + printable(options.address));
         }
         else
-            printNote("cannot start a sender at '" + options.address + "' (--log-level debug shows why)");
+            printNote("cannot start a sender at " + printable(options.address) + " (--log-level debug shows why)");
         return 1;
     }
 
@@ -682,12 +679,12 @@ int run(Options& options, SignalDescriptor& signals)
         {
             const StreamSnapshot snapshot = stats.snapshot(now());
             const char* state = producer.waitingForReceiver() ? "waiting for a receiver" : "sending";
-            status.show(std::string(state) + " | " + (snapshot.format ? snapshot.format->describe() : "-") +
-                        " | " + std::to_string(snapshot.frames) + " frames (" +
-                        describeSeconds(snapshot.streamNs) +
-                        ") | receivers: " + (sender.areThereClientConnections() ? "yes" : "none") +
-                        " | dropped " + std::to_string(producer.skippedFrames() + stalls) + " | peak " +
-                        describePeaks(snapshot.peaks) + " | late " + describeLatency(snapshot.recentLatency));
+            status.show({state, snapshot.format ? snapshot.format->describe() : "-",
+                         std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
+                         std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
+                         "dropped " + std::to_string(producer.skippedFrames() + stalls),
+                         "peak " + describePeaks(snapshot.peaks),
+                         "late " + describeLatency(snapshot.recentLatency)});
         }
     }
     producer.stop();

@@ -158,6 +158,10 @@ bad_arguments() {
 0|vrx-send|--help|Examples:
 0|vrx-recv|--help|Examples:
 0|vrx-probe|--help|Example:
+0|vrx-send|--version|vrx-send $VRX_VERSION
+0|vrx-recv|--version a|vrx-recv $VRX_VERSION
+0|vrx-probe|--version|vrx-probe $VRX_VERSION
+1|vrx-probe|--timeout 0.05 \$'a\\n\\x1b[2Jb'|no sender answers at 'a\\n\\x1b[2Jb'
 ROWS
 
     # An address in use: the second sender says so and leaves no directory of its own.
@@ -172,12 +176,14 @@ ROWS
     [ "$(find "$TMPDIR" -mindepth 1 -maxdepth 1 | wc -l)" -eq 1 ] || fail "$(ls "$TMPDIR") under TMPDIR"
 }
 
-# SIGTERM or SIGINT during a receive: exit 0 and a WAV file whose header counts what it holds.
+# SIGTERM, SIGINT or SIGHUP (a closed terminal) during a receive: exit 0 and a WAV file whose
+# header counts what it holds; the sender too ends cleanly and removes its directory.
 signal_leaves_valid_wav() {
     local addr signal riff data size
     addr=$(address signal)
     start send vrx-send "$addr"
-    for signal in TERM INT; do
+    local sender=$last_pid
+    for signal in TERM INT HUP; do
         start recv vrx-recv --out "live-$signal.wav" "$addr"
         wait_for "samples in live-$signal.wav" file_bigger "live-$signal.wav" 20000
         kill -"$signal" "$last_pid"
@@ -189,6 +195,17 @@ signal_leaves_valid_wav() {
         [ "$riff" -eq $((size - 8)) ] && [ "$data" -eq $((size - 44)) ] ||
             fail "SIG$signal: RIFF size $riff and data size $data in a file of $size bytes"
     done
+    kill -HUP "$sender"
+    finish "$sender"
+    [ "$status" -eq 0 ] && [ -z "$(ls "$TMPDIR")" ] || fail "sender on SIGHUP: exit $status, left $(ls "$TMPDIR")"
+
+    # vrx-probe interrupted says how long it waited.
+    start probe vrx-probe --timeout 60 "$(address nobody)"
+    wait_for "vrx-probe to take signals" signals_blocked "$last_pid"
+    kill -INT "$last_pid"
+    finish "$last_pid"
+    [ "$status" -eq 1 ] && grep -E -q "interrupted; no sender answered at .* \(waited [0-9.]+ s\)" probe.err ||
+        fail "interrupted probe: exit $status, $(cat probe.err)"
 }
 
 # TMPDIR is made once with mode 1777; a status line on a terminal only; the library's log
@@ -199,11 +216,17 @@ terminal_and_logging() {
     start send vrx-send "$addr"
     wait_for "the sender" eval '"$bin/vrx-probe" "$addr" >/dev/null'
     [ "$(stat -c %a "$TMPDIR")" = 1777 ] || fail "TMPDIR has mode $(stat -c %a "$TMPDIR")"
-    [ "$(grep -c "created $TMPDIR" send.err)" -eq 1 ] || fail "no single note of TMPDIR: $(cat send.err)"
+    [ "$(grep -c "created '$TMPDIR'" send.err)" -eq 1 ] || fail "no single note of TMPDIR: $(cat send.err)"
 
-    timeout 60 script -qec "'$bin/vrx-recv' --duration 1 '$addr'" /dev/null >tty.out
+    timeout 60 script -qec "stty cols 200; '$bin/vrx-recv' --duration 1 '$addr'" /dev/null >tty.out
     grep -q $'\x1b\\[K' tty.out && grep -q "running | 48000 Hz, 2 channels, S16LE | .* dBFS | latency p50" tty.out ||
         fail "no status line on a terminal: $(cat -v tty.out)"
+    # On 80 columns, with a level meter for 8 channels: whole fields only, none cut.
+    start wide vrx-send --channels 8 "$(address wide)"
+    timeout 60 script -qec "stty cols 80; '$bin/vrx-recv' --duration 1 '$(address wide)'" /dev/null >wide.out
+    tr '\r' '\n' <wide.out | sed 's/\x1b\[K//' | grep '^running' >wide.lines || fail "no status line: $(cat -v wide.out)"
+    ! grep -v -E '^.{1,79}$' wide.lines && ! grep -v -E '(s\)|gaps|dBFS|ms)$' wide.lines ||
+        fail "status lines beyond 79 columns or cut: $(cat wide.lines)"
     timeout 60 "$bin/vrx-recv" --duration 0.3 "$addr" 2>plain.err
     ! grep -q $'[\r\x1b]' plain.err || fail "a status line into a file: $(cat -v plain.err)"
 

@@ -311,6 +311,11 @@ public:
 
     /// Since when the current send has been in the sender (monotonic ns), 0 when none is.
     TimeValue sendStartedAt() const { return m_sendStartedAt; }
+    /// Since when the producer has been waiting for the source (monotonic ns), 0 when it is not.
+    TimeValue readStartedAt() const { return m_readStartedAt; }
+    /// Times standard input came too late for the schedule, and the time the stream skipped.
+    std::uint64_t inputStalls() const { return m_inputStalls; }
+    TimeValue skippedNs() const { return m_skippedNs; }
 
 private:
     void run()
@@ -336,7 +341,9 @@ private:
                 prepareSequence(format);
                 m_announcePending = true;
             }
+            m_readStartedAt = std::max<TimeValue>(now(), 1);
             const std::size_t frames = m_source.read(m_frame, m_framesPerPacket);
+            m_readStartedAt = 0;
             if (frames > 0 && !sendFrame(format, frames))
                 return;
         }
@@ -365,6 +372,8 @@ private:
     {
         if (m_nextDeadline == 0) // the clock starts with the first frame that is ready
             m_segmentStart = m_nextDeadline = now();
+        else if (m_options.fromStdin)
+            resumeAfterStall(format);
         const TimeValue deadline = m_nextDeadline;
         m_segmentFrames += frames;
         m_nextDeadline = m_segmentStart + framesToNs(m_segmentFrames, format.sampleRate);
@@ -392,6 +401,24 @@ private:
         const TimeValue sent = now();
         m_stats.addFrame(deadline, duration, samples, sent, static_cast<std::int64_t>(sent - deadline));
         return true;
+    }
+
+    /// Standard input that stalled would leave every later frame as late as it came, for good:
+    /// the schedule starts again at the current time, and the stream has a gap instead.
+    void resumeAfterStall(const StreamFormat& format)
+    {
+        const TimeValue current = now();
+        const TimeValue tolerance = std::max<TimeValue>(2 * framesToNs(m_framesPerPacket, format.sampleRate),
+                                                        100'000'000);
+        if (current <= m_nextDeadline + tolerance)
+            return;
+        const TimeValue late = current - m_nextDeadline;
+        printNote("standard input came " + describeSeconds(late) +
+                  " late; the stream goes on at the current time, after a gap of that length");
+        m_segmentStart = m_nextDeadline = current;
+        m_segmentFrames = 0;
+        ++m_inputStalls;
+        m_skippedNs += late;
     }
 
     template <typename Send>
@@ -460,6 +487,9 @@ private:
     std::atomic<bool> m_waitingForReceiver{false};
     std::atomic<std::uint64_t> m_skipped{0};
     std::atomic<TimeValue> m_sendStartedAt{0};
+    std::atomic<TimeValue> m_readStartedAt{0};
+    std::atomic<std::uint64_t> m_inputStalls{0};
+    std::atomic<TimeValue> m_skippedNs{0};
     std::thread m_thread;
 };
 
@@ -678,7 +708,10 @@ int run(Options& options, SignalDescriptor& signals)
         if (status.due(now()))
         {
             const StreamSnapshot snapshot = stats.snapshot(now());
-            const char* state = producer.waitingForReceiver() ? "waiting for a receiver" : "sending";
+            const TimeValue readStartedAt = producer.readStartedAt();
+            const char* state = producer.waitingForReceiver()                               ? "waiting for a receiver"
+                                : readStartedAt != 0 && now() - readStartedAt > stallLimit ? "waiting for input"
+                                                                                            : "sending";
             status.show({state, snapshot.format ? snapshot.format->describe() : "-",
                          std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
                          std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
@@ -699,7 +732,10 @@ int run(Options& options, SignalDescriptor& signals)
               (snapshot.sequences == 1 ? " sequence" : " sequences") +
               (producer.skippedFrames() + stalls > 0
                    ? ", dropped " + std::to_string(producer.skippedFrames() + stalls)
-                   : ""));
+                   : "") +
+              (producer.inputStalls() > 0 ? ", skipped " + describeSeconds(producer.skippedNs()) + " in " +
+                                                std::to_string(producer.inputStalls()) + " stall(s) of standard input"
+                                          : ""));
     return 0;
 }
 

@@ -254,6 +254,25 @@ sender_restart_gap() {
     [ "$samples" -ge 143990 ] && [ "$samples" -le 144490 ] || fail "gap.wav holds $samples samples, not 3 s: $(cat recv.err)"
 }
 
+# Standard input that stalls: vrx-send says so and goes on at the current time, so that the
+# receiver sees a gap and every sample, not frames late for good.
+stdin_stall() {
+    local addr lost
+    addr=$(address stall)
+    sox -n -r 48000 -c 2 -b 16 -e signed-integer -L -t raw in.raw synth 1 whitenoise vol 0.5
+    start recv vrx-recv --stdout --exit-with-sender "$addr" >out.raw
+    # Half a second at once; once it streams, input stops for longer than that (the stimulus).
+    { head -c 96000 in.raw; wait_for "the first samples" file_bigger out.raw 0; sleep 1.5; tail -c +96001 in.raw; } |
+        timeout 60 "$bin/vrx-send" --stdin --wait-receiver --frame-ms 250 --protocol pipeline "$addr" 2>send.err
+    finish "$last_pid"
+    [ "$status" -eq 0 ] || fail "vrx-recv exited with $status: $(cat recv.err)"
+    grep -E -q "standard input came [0-9.]+ s late; the stream goes on at the current time" send.err ||
+        fail "no note of the stall: $(cat send.err)"
+    lost=$(sed -n -E 's/^  gaps +[1-9][0-9]*, ([0-9]+)\.[0-9] ms lost.*/\1/p' recv.err)
+    [ "${lost:-0}" -ge 500 ] || fail "no gap for the stall: $(cat recv.err)"
+    same_samples in.raw out.raw 4
+}
+
 # SIGTERM, SIGINT or SIGHUP (a closed terminal) during a receive: exit 0 and a WAV file whose
 # header counts what it holds; the sender too ends cleanly and removes its directory.
 signal_leaves_valid_wav() {

@@ -213,7 +213,7 @@ current sequence (number, FourCC and, for PCM, rate, channels and sample format;
 first sequence). Exits 0 after printing, 1 when no sender answers within the timeout, when what
 answers is no VRX sender, or when a signal (Ctrl-C) ends the wait.
 
-Example:
+Examples:
   $ vrx-probe my-audio
   {
     "address": "my-audio",

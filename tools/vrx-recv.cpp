@@ -652,11 +652,15 @@ Exit status: 0 when stopped as asked, 1 on an error, 2 on bad arguments, 3 when 
 ended at a change of format.
 
 Examples:
+  # Three seconds of stream into a file:
   vrx-recv --duration 3 --out demo.wav my-audio
+  # A minute by the clock, lost stretches filled with silence:
   vrx-recv --duration 60 --fill-gaps --out minute.flac my-audio
+  # Listen (the format as vrx-recv notes it on stderr), or let a header tell the reader:
   vrx-recv --stdout my-audio | aplay -f S16_LE -r 48000 -c 2
-  vrx-recv --stdout-type au my-audio | sox -t au - capture.wav
-  vrx-recv my-audio                                   watch the stream's status only)");
+  vrx-recv --stdout-type au my-audio | aplay
+  # Watch the stream's status only:
+  vrx-recv my-audio)");
 }
 
 /// Why a file can never be created at `path`, or "".

@@ -530,8 +530,9 @@ void describeOptions(CLI::App& app, Options& options)
     auto* stdinFlag =
         app.add_flag("--stdin", options.fromStdin,
                      "Send raw interleaved PCM read from standard input, in the format given by "
-                     "--rate, --channels and --format. Example: sox in.wav -t raw - | vrx-send "
-                     "--stdin --rate 44100 my-audio");
+                     "--rate, --channels and --format. Input that stalls leaves a gap in the stream, "
+                     "which then goes on at the current time. Example: sox in.wav -t raw -r 48000 -c 2 "
+                     "-e signed -b 16 -L - | vrx-send --stdin my-audio");
     app.add_flag("--loop", options.loop, "Start the files again from the first when the last one ends.")
         ->needs(file);
     auto* tone =
@@ -601,14 +602,19 @@ void describeOptions(CLI::App& app, Options& options)
     app.footer(
         R"(Streams in real time, paced by the monotonic clock, with frame timestamps and durations on that
 clock ("sysclock"). Frames go out without waiting for receivers; one that cannot go out is dropped.
-On a terminal a status line shows the stream; Ctrl-C (SIGINT) or SIGTERM stops the sender cleanly.
-Senders appear in $TMPDIR (default /tmp/vrx), which vrx-send creates when it is missing.
+On a terminal a status line shows the stream; Ctrl-C (SIGINT), SIGTERM or SIGHUP stops the sender
+cleanly. Senders appear in $TMPDIR (default /tmp/vrx), which vrx-send creates when it is missing.
 
 Examples:
-  vrx-send my-audio                                   440 Hz tone, 48 kHz stereo S16LE, 10 ms frames
-  vrx-send --file music.flac --loop my-audio          a file, again and again
-  sox in.wav -t raw - | vrx-send --stdin --rate 44100 --channels 2 --format S16LE my-audio
-  vrx-send --reformat-every 1 my-audio                a new sequence every second)");
+  # A 440 Hz tone, 48 kHz stereo S16LE, in 10 ms frames:
+  vrx-send my-audio
+  # A file, again and again:
+  vrx-send --file music.flac --loop my-audio
+  # Any file, converted by sox to the raw PCM that the options describe:
+  sox in.wav -t raw -r 44100 -c 2 -e signed -b 16 -L - | \
+      vrx-send --stdin --rate 44100 --channels 2 --format S16LE my-audio
+  # A new sequence every second, for testing receivers:
+  vrx-send --reformat-every 1 my-audio)");
 }
 
 int run(Options& options, SignalDescriptor& signals)

@@ -187,7 +187,7 @@ bad_arguments() {
 2|vrx-probe|$long|ADDRESS: too long (108 bytes)
 0|vrx-send|--help|Examples:
 0|vrx-recv|--help|Examples:
-0|vrx-probe|--help|Example:
+0|vrx-probe|--help|Examples:
 0|vrx-send|--version|vrx-send $VRX_VERSION
 0|vrx-recv|--version a|vrx-recv $VRX_VERSION
 0|vrx-probe|--version|vrx-probe $VRX_VERSION

@@ -164,7 +164,9 @@ int probe(const std::string& address, double timeoutSeconds, const SignalDescrip
         if (info)
             break;
         [[fallthrough]];
-    case ReadResult::NotVrx: printNote("what answers at " + printable(address) + " is not a VRX sender"); return 1;
+    case ReadResult::NotVrx:
+        printNote("what answers at " + printable(address) + " is not a VRX sender");
+        return 1;
     case ReadResult::Interrupted:
         printNote("interrupted; no sender answered at " + printable(address) + waited());
         return 1;

@@ -244,7 +244,8 @@ private:
         if (m_options.toStdout && errno == EPIPE)
             return fail(StopReason::ReaderGone, "");
         return fail(StopReason::Failed,
-                    "cannot write " + (m_options.toStdout ? std::string("standard output") : printable(m_files.back())) +
+                    "cannot write " +
+                        (m_options.toStdout ? std::string("standard output") : printable(m_files.back())) +
                         ": " + sf_strerror(m_file.get()));
     }
 
@@ -522,10 +523,10 @@ private:
     std::atomic<State> m_state{State::Idle};
     std::atomic<ClockType> m_clock{ClockType::Undetermined};
     std::atomic<ClockType> m_lastClock{ClockType::Undetermined};
-    bool m_wasRunning = false;                     // receiver thread
+    bool m_wasRunning = false;                             // receiver thread
     ClockType m_connectionClock = ClockType::Undetermined; // receiver thread: of this connection
     ClockType m_previousClock = ClockType::Undetermined;   // receiver thread: of the last one with frames
-    std::atomic<TimeValue> m_reconnectingSince{0}; // 0 while running or before the first connection
+    std::atomic<TimeValue> m_reconnectingSince{0};         // 0 while running or before the first connection
     std::uint64_t m_frames = 0;
     std::optional<TimeValue> m_firstTimestamp;
 };
@@ -607,29 +608,28 @@ void describeOptions(CLI::App& app, Options& options)
                      "noted on stderr). At a change of format standard output ends, with exit status 3, "
                      "unless --follow-format is given. Example: vrx-recv --stdout my-audio | aplay -f "
                      "S16_LE -r 48000 -c 2");
-    auto* stdoutType =
-        app.add_option("--stdout-type", options.stdoutType,
-                       "Write standard output as TYPE: raw (the samples as sent, the default), or an audio "
-                       "file format libsndfile writes to a pipe: au or flac, whose header names rate, "
-                       "channels and sample format, so that the reader needs no options. Implies --stdout. "
-                       "Example: vrx-recv --stdout-type au my-audio | aplay")
-            ->type_name("TYPE");
-    auto* followFormat =
-        app.add_flag("--follow-format", options.followFormat,
-                     "With raw --stdout: go on after a change of format, in the new format (noted on "
-                     "stderr), for readers that follow it.");
-    out->excludes(toStdout)->excludes(stdoutType)->excludes(followFormat);
+    app.add_option("--stdout-type", options.stdoutType,
+                   "Write standard output as TYPE: raw (the samples as sent, the default), or an audio file "
+                   "format libsndfile writes to a pipe: au or flac, whose header names rate, channels and "
+                   "sample format, so that the reader needs no options. Implies --stdout. Example: "
+                   "vrx-recv --stdout-type au my-audio | aplay")
+        ->type_name("TYPE")
+        ->excludes(out);
+    app.add_flag("--follow-format", options.followFormat,
+                 "With raw --stdout: go on after a change of format, in the new format (noted on stderr), "
+                 "for readers that follow it.")
+        ->excludes(out);
+    out->excludes(toStdout);
     app.add_flag("--lossy", options.lossy,
                  "Accept a file format that does not keep every sample: a lossy one (.ogg, .mp3) or a "
                  "narrower one (32-bit or float samples into .flac).");
     app.add_flag("--fill-gaps", options.fillGaps,
                  "Write silence for every stretch the stream lost (a gap in the frame timestamps, a "
                  "sender that was away), so that the recording keeps the stream's length in time.");
-    app.add_option(
-           "-d,--duration", options.durationSeconds,
-           "Stop after SECONDS of stream time: once frame timestamps have advanced SECONDS past the "
-           "first frame that arrived. Gaps count (the summary says what they lost); with --fill-gaps "
-           "the recording then lasts SECONDS. Example: --duration 3")
+    app.add_option("-d,--duration", options.durationSeconds,
+                   "Stop after SECONDS of stream time: once frame timestamps have advanced SECONDS past the "
+                   "first frame that arrived. Gaps count (the summary says what they lost); with --fill-gaps "
+                   "the recording then lasts SECONDS. Example: --duration 3")
         ->type_name("SECONDS")
         ->check(positiveNumber());
     app.add_option("-n,--frames", options.frameLimit, "Stop after N frames. Example: --frames 100")
@@ -677,8 +677,7 @@ std::string checkWritablePath(const std::string& path)
     if (errno != ENOENT)
         return miscUtils::strerror_r_safe(errno);
     const std::size_t slash = path.find_last_of('/');
-    const std::string directory =
-        slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
     return access(directory.c_str(), W_OK | X_OK) == 0 ? "" : miscUtils::strerror_r_safe(errno);
 }
 

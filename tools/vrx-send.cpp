@@ -408,8 +408,8 @@ private:
     void resumeAfterStall(const StreamFormat& format)
     {
         const TimeValue current = now();
-        const TimeValue tolerance = std::max<TimeValue>(2 * framesToNs(m_framesPerPacket, format.sampleRate),
-                                                        100'000'000);
+        const TimeValue tolerance =
+            std::max<TimeValue>(2 * framesToNs(m_framesPerPacket, format.sampleRate), 100'000'000);
         if (current <= m_nextDeadline + tolerance)
             return;
         const TimeValue late = current - m_nextDeadline;
@@ -517,10 +517,10 @@ bool parseTimeServer(Options& options)
 
 void describeOptions(CLI::App& app, Options& options)
 {
-    addAddressArgument(
-        app, options.address,
-        "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to " +
-            std::to_string(vrx::MaxSocketAddressLength) + " bytes. Example: vrx-send my-audio");
+    addAddressArgument(app, options.address,
+                       "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to " +
+                           std::to_string(vrx::MaxSocketAddressLength) +
+                           " bytes. Example: vrx-send my-audio");
     auto* file =
         app.add_option("-f,--file", options.files,
                        "Send this audio file (any format libsndfile reads), in its own rate, channels "
@@ -634,8 +634,8 @@ int run(Options& options, SignalDescriptor& signals)
     }
     if (!options.timeServer.empty() && !parseTimeServer(options))
     {
-        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not " + printable(options.timeServer) +
-                  " (see --help)");
+        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not " +
+                  printable(options.timeServer) + " (see --help)");
         return 2;
     }
 
@@ -677,7 +677,8 @@ int run(Options& options, SignalDescriptor& signals)
             printNote("another sender already listens at " + printable(options.address));
         }
         else
-            printNote("cannot start a sender at " + printable(options.address) + " (--log-level debug shows why)");
+            printNote("cannot start a sender at " + printable(options.address) +
+                      " (--log-level debug shows why)");
         return 1;
     }
 
@@ -715,15 +716,16 @@ int run(Options& options, SignalDescriptor& signals)
         {
             const StreamSnapshot snapshot = stats.snapshot(now());
             const TimeValue readStartedAt = producer.readStartedAt();
-            const char* state = producer.waitingForReceiver()                               ? "waiting for a receiver"
-                                : readStartedAt != 0 && now() - readStartedAt > stallLimit ? "waiting for input"
-                                                                                            : "sending";
-            status.show({state, snapshot.format ? snapshot.format->describe() : "-",
-                         std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
-                         std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
-                         "dropped " + std::to_string(producer.skippedFrames() + stalls),
-                         "peak " + describePeaks(snapshot.peaks),
-                         "late " + describeLatency(snapshot.recentLatency)});
+            const char* state = producer.waitingForReceiver() ? "waiting for a receiver"
+                                : readStartedAt != 0 && now() - readStartedAt > stallLimit
+                                    ? "waiting for input"
+                                    : "sending";
+            status.show(
+                {state, snapshot.format ? snapshot.format->describe() : "-",
+                 std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
+                 std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
+                 "dropped " + std::to_string(producer.skippedFrames() + stalls),
+                 "peak " + describePeaks(snapshot.peaks), "late " + describeLatency(snapshot.recentLatency)});
         }
     }
     producer.stop();
@@ -739,9 +741,10 @@ int run(Options& options, SignalDescriptor& signals)
               (producer.skippedFrames() + stalls > 0
                    ? ", dropped " + std::to_string(producer.skippedFrames() + stalls)
                    : "") +
-              (producer.inputStalls() > 0 ? ", skipped " + describeSeconds(producer.skippedNs()) + " in " +
-                                                std::to_string(producer.inputStalls()) + " stall(s) of standard input"
-                                          : ""));
+              (producer.inputStalls() > 0
+                   ? ", skipped " + describeSeconds(producer.skippedNs()) + " in " +
+                         std::to_string(producer.inputStalls()) + " stall(s) of standard input"
+                   : ""));
     return 0;
 }
 

@@ -9,41 +9,27 @@
 namespace audioUtils {
 namespace {
 
+// Each name says the layout: F for float, U for unsigned, BE for big-endian, then the bits.
 TEST(PcmFormat, NamesAndLayoutsOfEveryFormat)
 {
-    struct Case
+    const std::string names[] = {"S8",    "U8",    "S16LE", "S16BE", "U16LE", "U16BE",
+                                 "S24LE", "S24BE", "S32LE", "S32BE", "F32LE", "F32BE"};
+    const std::string alsaNames[] = {"S8",      "U8",      "S16_LE", "S16_BE", "U16_LE",   "U16_BE",
+                                     "S24_3LE", "S24_3BE", "S32_LE", "S32_BE", "FLOAT_LE", "FLOAT_BE"};
+    for (std::uint32_t value = 0; value < PcmFormatCount; ++value)
     {
-        PcmFormat format;
-        const char *name, *alsaName;
-        unsigned int bytes;
-        bool isFloat, isUnsigned, isBigEndian;
-    };
-    const Case cases[] = {
-        {PcmFormat::S8, "S8", "S8", 1, false, false, false},
-        {PcmFormat::U8, "U8", "U8", 1, false, true, false},
-        {PcmFormat::S16LE, "S16LE", "S16_LE", 2, false, false, false},
-        {PcmFormat::S16BE, "S16BE", "S16_BE", 2, false, false, true},
-        {PcmFormat::U16LE, "U16LE", "U16_LE", 2, false, true, false},
-        {PcmFormat::U16BE, "U16BE", "U16_BE", 2, false, true, true},
-        {PcmFormat::S24LE, "S24LE", "S24_3LE", 3, false, false, false},
-        {PcmFormat::S24BE, "S24BE", "S24_3BE", 3, false, false, true},
-        {PcmFormat::S32LE, "S32LE", "S32_LE", 4, false, false, false},
-        {PcmFormat::S32BE, "S32BE", "S32_BE", 4, false, false, true},
-        {PcmFormat::F32LE, "F32LE", "FLOAT_LE", 4, true, false, false},
-        {PcmFormat::F32BE, "F32BE", "FLOAT_BE", 4, true, false, true},
-    };
-    for (const Case& c : cases)
-    {
-        SCOPED_TRACE(c.name);
-        const PcmSampleLayout layout = getSampleLayout(c.format);
-        EXPECT_EQ(std::tuple(layout.bytesPerSample, layout.isFloat, layout.isUnsigned, layout.isBigEndian),
-                  std::tuple(c.bytes, c.isFloat, c.isUnsigned, c.isBigEndian));
-        EXPECT_EQ(toString(c.format), std::string(c.name));
-        std::string lowerCase = c.alsaName;
+        const std::string& name = names[value];
+        SCOPED_TRACE(name);
+        const PcmSampleLayout layout = getSampleLayout(PcmFormat{value});
+        EXPECT_EQ(
+            std::tuple(layout.bytesPerSample * 8, layout.isFloat, layout.isUnsigned, layout.isBigEndian),
+            std::tuple(std::stoul(name.substr(1)), name[0] == 'F', name[0] == 'U', name.ends_with("BE")));
+        EXPECT_EQ(toString(PcmFormat{value}), name);
+        std::string lowerCase = alsaNames[value];
         for (char& letter : lowerCase)
             letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-        for (const std::string& name : {std::string(c.name), std::string(c.alsaName), lowerCase})
-            EXPECT_EQ(toPcmFormat(name), c.format) << name;
+        for (const std::string& known : {name, alsaNames[value], lowerCase})
+            EXPECT_EQ(toPcmFormat(known), PcmFormat{value}) << known;
     }
     const PcmSampleLayout none = getSampleLayout(PcmFormat{PcmFormatCount});
     EXPECT_EQ(std::tuple(none.bytesPerSample, none.isFloat, none.isUnsigned, none.isBigEndian),

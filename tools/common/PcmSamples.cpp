@@ -23,7 +23,8 @@ std::uint32_t readBits(const unsigned char* bytes, const Layout& layout)
 void writeBits(std::uint32_t bits, unsigned char* bytes, const Layout& layout)
 {
     for (unsigned int i = 0; i < layout.bytesPerSample; ++i)
-        bytes[layout.isBigEndian ? layout.bytesPerSample - 1 - i : i] = static_cast<unsigned char>(bits >> (8 * i));
+        bytes[layout.isBigEndian ? layout.bytesPerSample - 1 - i : i] =
+            static_cast<unsigned char>(bits >> (8 * i));
 }
 
 } // namespace

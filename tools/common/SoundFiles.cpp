@@ -170,7 +170,8 @@ std::string refuseFileFormat(int majorFormat, bool lossyAccepted)
     if (common.format == 0)
         return "libsndfile cannot write " + describeFileFormat(majorFormat) + " files";
     if (!common.keepsEverySample && !lossyAccepted)
-        return describeFileFormat(common.format) + " is lossy and does not keep every sample (--lossy accepts that)";
+        return describeFileFormat(common.format) +
+               " is lossy and does not keep every sample (--lossy accepts that)";
     return {};
 }
 
@@ -193,7 +194,8 @@ std::string describeFileFormat(int format)
 {
     SF_FORMAT_INFO major{format & SF_FORMAT_TYPEMASK, nullptr, nullptr};
     SF_FORMAT_INFO subtype{format & SF_FORMAT_SUBMASK, nullptr, nullptr};
-    std::string text = sf_command(nullptr, SFC_GET_FORMAT_INFO, &major, sizeof(major)) == 0 ? major.name : "?";
+    std::string text =
+        sf_command(nullptr, SFC_GET_FORMAT_INFO, &major, sizeof(major)) == 0 ? major.name : "?";
     // "WAV (Microsoft)": the maker says nothing about the samples.
     text = text.substr(0, text.find(" ("));
     if (subtype.format != 0 && sf_command(nullptr, SFC_GET_FORMAT_INFO, &subtype, sizeof(subtype)) == 0)

@@ -195,8 +195,8 @@ std::string describeGaps(const StreamSnapshot& snapshot)
     if (snapshot.gaps == 0)
         return "none";
     return format("%llu, %.1f ms lost (about %llu frame%s)", static_cast<unsigned long long>(snapshot.gaps),
-                  static_cast<double>(snapshot.lostNs) / 1e6, static_cast<unsigned long long>(snapshot.lostFrames),
-                  snapshot.lostFrames == 1 ? "" : "s");
+                  static_cast<double>(snapshot.lostNs) / 1e6,
+                  static_cast<unsigned long long>(snapshot.lostFrames), snapshot.lostFrames == 1 ? "" : "s");
 }
 
 } // namespace vrxTools

@@ -74,7 +74,7 @@ struct StreamSnapshot
     std::uint64_t gaps = 0;
     std::uint64_t lostNs = 0;     ///< what the gaps lost
     std::uint64_t lostFrames = 0; ///< the same in frames, each gap's at the duration of the frame after it
-    std::vector<float> peaks; ///< per channel since the previous snapshot, 1.0 = full scale
+    std::vector<float> peaks;     ///< per channel since the previous snapshot, 1.0 = full scale
     LatencyPercentiles recentLatency;
     LatencyPercentiles overallLatency;
 };

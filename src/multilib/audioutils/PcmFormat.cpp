@@ -8,26 +8,36 @@ namespace audioUtils {
 
 namespace {
 
+// Signed integer little-endian samples have none of these traits.
+enum Traits : unsigned
+{
+    Signed = 0,
+    Unsigned = 1,
+    Float = 2,
+    BigEndian = 4,
+};
+
 struct FormatDescription
 {
     const char* name;
     const char* alsaName;
-    PcmSampleLayout layout; // bytes, float, unsigned, big-endian
+    unsigned int bytesPerSample;
+    unsigned int traits;
 };
 
 constexpr std::array<FormatDescription, PcmFormatCount> formatDescriptions{{
-    {"S8", "S8", {1, false, false, false}},
-    {"U8", "U8", {1, false, true, false}},
-    {"S16LE", "S16_LE", {2, false, false, false}},
-    {"S16BE", "S16_BE", {2, false, false, true}},
-    {"U16LE", "U16_LE", {2, false, true, false}},
-    {"U16BE", "U16_BE", {2, false, true, true}},
-    {"S24LE", "S24_3LE", {3, false, false, false}},
-    {"S24BE", "S24_3BE", {3, false, false, true}},
-    {"S32LE", "S32_LE", {4, false, false, false}},
-    {"S32BE", "S32_BE", {4, false, false, true}},
-    {"F32LE", "FLOAT_LE", {4, true, false, false}},
-    {"F32BE", "FLOAT_BE", {4, true, false, true}},
+    {"S8", "S8", 1, Signed},
+    {"U8", "U8", 1, Unsigned},
+    {"S16LE", "S16_LE", 2, Signed},
+    {"S16BE", "S16_BE", 2, Signed | BigEndian},
+    {"U16LE", "U16_LE", 2, Unsigned},
+    {"U16BE", "U16_BE", 2, Unsigned | BigEndian},
+    {"S24LE", "S24_3LE", 3, Signed},
+    {"S24BE", "S24_3BE", 3, Signed | BigEndian},
+    {"S32LE", "S32_LE", 4, Signed},
+    {"S32BE", "S32_BE", 4, Signed | BigEndian},
+    {"F32LE", "FLOAT_LE", 4, Float},
+    {"F32BE", "FLOAT_BE", 4, Float | BigEndian},
 }};
 
 const FormatDescription* describe(PcmFormat format)
@@ -68,7 +78,11 @@ unsigned int getBytesPerSample(PcmFormat format)
 PcmSampleLayout getSampleLayout(PcmFormat format)
 {
     const FormatDescription* description = describe(format);
-    return description != nullptr ? description->layout : PcmSampleLayout{};
+    if (description == nullptr)
+        return {};
+    const unsigned int traits = description->traits;
+    return {description->bytesPerSample, (traits & Float) != 0, (traits & Unsigned) != 0,
+            (traits & BigEndian) != 0};
 }
 
 } // namespace audioUtils

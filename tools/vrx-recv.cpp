@@ -749,8 +749,9 @@ int run(const Options& options, SignalDescriptor& signals)
     receiver.shutdownReceiver(); // after it, no callback queues output any more
     recording.finishOutput();
     status.clear();
-    // An output that refused the stream said why in one line; there is nothing to sum up.
-    if (recording.stopReason() != StopReason::Failed || recording.stats().snapshot(now()).frames > 0)
+    // An output that failed before it made a file (one that refused the stream) said why in one
+    // line; frames that came meanwhile were not written, so there is nothing to sum up.
+    if (recording.stopReason() != StopReason::Failed || !recording.output().files().empty())
         printNote(summaryText(recording, options));
     switch (recording.stopReason())
     {

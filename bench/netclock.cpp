@@ -207,7 +207,9 @@ int main(int argc, char** argv)
 
     const TimeValue start = miscUtils::getMonotonicSysclockTime();
     miscUtils::SyncedNetClock ours;
-    ours.startSynchronization("127.0.0.1", static_cast<unsigned int>(port), 100, 175000000, [] {});
+    ours.startSynchronization("127.0.0.1", static_cast<unsigned int>(port),
+                              miscUtils::SyncedNetClock::DefaultPollIntervalMs,
+                              miscUtils::SyncedNetClock::DefaultMaxRoundTripNs, [] {});
     GstClock* framework = gst_net_client_clock_new("vrx-bench", "127.0.0.1", port, 0);
 
     Trace traces[2] = {

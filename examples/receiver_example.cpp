@@ -22,8 +22,7 @@ int main()
     log4cplus::BasicConfigurator::doConfigure();
 
     // Receivers watch $TMPDIR (default /tmp/vrx) for senders appearing; see sender_example.cpp.
-    const char* tmpdir = std::getenv("TMPDIR");
-    const std::string parent = tmpdir != nullptr ? tmpdir : "/tmp/vrx";
+    const std::string parent = vrx::getSenderParentDirectory();
     if (mkdir(parent.c_str(), 01777) == 0)
         chmod(parent.c_str(), 01777);
 

@@ -21,8 +21,7 @@ int main()
 
     // The sender makes its directory under $TMPDIR (default /tmp/vrx), where receivers watch
     // for it, but never creates that parent: like /tmp, it is shared by every user.
-    const char* tmpdir = std::getenv("TMPDIR");
-    const std::string parent = tmpdir != nullptr ? tmpdir : "/tmp/vrx";
+    const std::string parent = vrx::getSenderParentDirectory();
     if (mkdir(parent.c_str(), 01777) == 0)
         chmod(parent.c_str(), 01777); // the umask narrows mkdir's mode
 

@@ -26,7 +26,7 @@ packages=(
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libgstreamer1.0-dev
-    libsndfile1-dev libcli11-dev nlohmann-json3-dev sox
+    libsndfile1-dev libcli11-dev nlohmann-json3-dev sox help2man
     clang libclang-rt-14-dev
 )
 

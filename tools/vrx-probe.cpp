@@ -4,6 +4,7 @@
 // InitialInfo packet, then, when a sequence has started, its SequenceInfo packet, each framed
 // by a 4-byte little-endian length. No main channel is opened, so probing disturbs no stream.
 
+#include "StreamStats.h"
 #include "ToolSupport.h"
 
 #include <miscutils/MiscUtils.h>
@@ -38,56 +39,93 @@ int millisecondsUntil(TimeValue deadline)
     return current >= deadline ? 0 : static_cast<int>((deadline - current + 999'999) / 1'000'000);
 }
 
-/// Connects to the sender, retrying while nobody listens; -1 when the deadline passes.
-int connectUntil(const std::string& address, TimeValue deadline)
-{
-    for (;;)
-    {
-        const int fd = connectAbstractSocket(address);
-        if (fd >= 0)
-            return fd;
-        if (now() >= deadline)
-            return -1;
-        poll(nullptr, 0, std::min(retryMs, millisecondsUntil(deadline)));
-    }
-}
-
-/// Reads exactly `size` bytes before the deadline.
-bool readUntil(int fd, unsigned char* data, std::size_t size, TimeValue deadline)
-{
-    while (size > 0)
-    {
-        pollfd readable{fd, POLLIN, 0};
-        if (poll(&readable, 1, millisecondsUntil(deadline)) <= 0)
-            return false;
-        const ssize_t got = read(fd, data, size);
-        if (got <= 0)
-            return false;
-        data += got;
-        size -= static_cast<std::size_t>(got);
-    }
-    return true;
-}
-
 enum class ReadResult
 {
-    Message,
-    None,   // nothing before the deadline, or the sender closed the connection
-    NotVrx, // a length no sender would send
+    Ok,
+    None,        // nothing before the deadline, or the sender closed the connection
+    NotVrx,      // a length no sender would send
+    Interrupted, // a signal came first
 };
 
-/// One framed sidechannel message.
-ReadResult readMessage(int fd, vrx::Buffer& message, TimeValue deadline)
+/// The sidechannel as a receiver's first step reads it, every wait bounded by the deadline
+/// and ended by a signal.
+class Greeting
 {
-    vrx::SidechannelMessageSize sizeBytes{};
-    if (!readUntil(fd, sizeBytes.data(), sizeBytes.size(), deadline))
-        return ReadResult::None;
-    const std::uint32_t size = vrx::parseSidechannelMessageSize(sizeBytes);
-    if (size == 0 || size > maxMessageSize)
-        return ReadResult::NotVrx;
-    message.resize(size);
-    return readUntil(fd, message.data(), size, deadline) ? ReadResult::Message : ReadResult::None;
-}
+public:
+    Greeting(std::string address, TimeValue deadline, const SignalDescriptor& signals)
+        : m_address(std::move(address)), m_deadline(deadline), m_signals(signals)
+    {}
+    ~Greeting()
+    {
+        if (m_fd >= 0)
+            close(m_fd);
+    }
+    Greeting(const Greeting&) = delete;
+    Greeting& operator=(const Greeting&) = delete;
+
+    /// Connects, retrying while nobody listens.
+    ReadResult connect()
+    {
+        for (;;)
+        {
+            m_fd = connectAbstractSocket(m_address);
+            if (m_fd >= 0)
+                return ReadResult::Ok;
+            if (now() >= m_deadline)
+                return ReadResult::None;
+            if (waitReadable(-1, std::min(retryMs, millisecondsUntil(m_deadline))) == ReadResult::Interrupted)
+                return ReadResult::Interrupted;
+        }
+    }
+
+    /// One framed sidechannel message, by `deadline` at the latest.
+    ReadResult readMessage(vrx::Buffer& message, TimeValue deadline)
+    {
+        vrx::SidechannelMessageSize sizeBytes{};
+        if (const ReadResult result = read(sizeBytes.data(), sizeBytes.size(), deadline);
+            result != ReadResult::Ok)
+            return result;
+        const std::uint32_t size = vrx::parseSidechannelMessageSize(sizeBytes);
+        if (size == 0 || size > maxMessageSize)
+            return ReadResult::NotVrx;
+        message.resize(size);
+        return read(message.data(), size, deadline);
+    }
+
+    TimeValue deadline() const { return m_deadline; }
+
+private:
+    /// Waits until `fd` is readable (or, with -1, only for the time) or a signal comes.
+    ReadResult waitReadable(int fd, int milliseconds) const
+    {
+        pollfd fds[2] = {{m_signals.fd(), POLLIN, 0}, {fd, POLLIN, 0}};
+        const int ready = poll(fds, fd >= 0 ? 2 : 1, milliseconds);
+        if (ready > 0 && fds[0].revents != 0)
+            return ReadResult::Interrupted;
+        return ready > 0 ? ReadResult::Ok : ReadResult::None;
+    }
+
+    ReadResult read(unsigned char* data, std::size_t size, TimeValue deadline)
+    {
+        while (size > 0)
+        {
+            if (const ReadResult ready = waitReadable(m_fd, millisecondsUntil(deadline));
+                ready != ReadResult::Ok)
+                return ready;
+            const ssize_t got = ::read(m_fd, data, size);
+            if (got <= 0)
+                return ReadResult::None;
+            data += got;
+            size -= static_cast<std::size_t>(got);
+        }
+        return ReadResult::Ok;
+    }
+
+    const std::string m_address;
+    const TimeValue m_deadline;
+    const SignalDescriptor& m_signals;
+    int m_fd = -1;
+};
 
 nlohmann::ordered_json describeSequence(const vrx::Buffer& packet)
 {
@@ -96,10 +134,8 @@ nlohmann::ordered_json describeSequence(const vrx::Buffer& packet)
     depayloaders.addDepayloader(pcm);
     if (packet.size() < 8 || vrx::parsePacketType(packet) != vrx::PacketType::SequenceInfo)
         return nullptr;
-    const unsigned int fourcc =
-        packet[4] | packet[5] << 8 | packet[6] << 16 | static_cast<unsigned int>(packet[7]) << 24;
     nlohmann::ordered_json sequence{{"sequenceNr", vrx::parsePacketSequenceNr(packet)},
-                                    {"fourcc", vrx::fourccToString(fourcc)}};
+                                    {"fourcc", vrx::fourccToString(vrx::parseSequenceInfoFourcc(packet))}};
     if (depayloaders.consumePacket(packet) == vrx::DepayloaderList::ConsumePacketRetcode::Ok &&
         depayloaders.getCurrentDepayloader() == &pcm)
     {
@@ -110,42 +146,46 @@ nlohmann::ordered_json describeSequence(const vrx::Buffer& packet)
     return sequence;
 }
 
-int probe(const std::string& address, double timeoutSeconds)
+int probe(const std::string& address, double timeoutSeconds, const SignalDescriptor& signals)
 {
-    const TimeValue deadline = now() + static_cast<TimeValue>(std::llround(timeoutSeconds * 1e9));
-    const int fd = connectUntil(address, deadline);
-    if (fd < 0)
-    {
-        printNote("no sender answers at '" + address + "' (waited " +
-                  std::to_string(std::lround(timeoutSeconds * 1000)) + " ms)");
-        return 1;
-    }
+    const TimeValue start = now();
+    Greeting greeting(address, start + static_cast<TimeValue>(std::llround(timeoutSeconds * 1e9)), signals);
+    const auto waited = [start] { return " (waited " + describeSeconds(now() - start) + ")"; };
+    ReadResult result = greeting.connect();
     vrx::Buffer message;
-    const ReadResult greeting = readMessage(fd, message, deadline);
-    if (greeting != ReadResult::Message)
+    if (result == ReadResult::Ok)
+        result = greeting.readMessage(message, greeting.deadline());
+    std::optional<vrx::InitialInfo> info;
+    if (result == ReadResult::Ok)
+        info = vrx::tryParseInitialInfoPacket(message);
+    switch (result)
     {
-        close(fd);
-        printNote(greeting == ReadResult::NotVrx
-                      ? "the socket at '" + address + "' is no VRX sender"
-                      : "the sender at '" + address + "' sent no greeting in time");
+    case ReadResult::Ok:
+        if (info)
+            break;
+        [[fallthrough]];
+    case ReadResult::NotVrx:
+        printNote("what answers at " + printable(address) + " is not a VRX sender");
         return 1;
+    case ReadResult::Interrupted:
+        printNote("interrupted; no sender answered at " + printable(address) + waited());
+        return 1;
+    case ReadResult::None: printNote("no sender answers at " + printable(address) + waited()); return 1;
     }
-    // A malformed InitialInfo stops the process in the library: the peer speaks another protocol.
-    const vrx::InitialInfo info = vrx::parseInitialInfoPacket(message);
     nlohmann::ordered_json sequence = nullptr;
-    if (readMessage(fd, message, std::min(deadline, now() + sequenceInfoWait)) == ReadResult::Message)
+    if (greeting.readMessage(message, std::min(greeting.deadline(), now() + sequenceInfoWait)) ==
+        ReadResult::Ok)
         sequence = describeSequence(message);
-    close(fd);
 
-    const nlohmann::ordered_json result{{"address", address},
-                                        {"version", info.version},
-                                        {"timeSyncProtocol", vrx::toString(info.timeSyncProtocol)},
-                                        {"timeSyncIPAddress", info.timeSyncIPAddress},
-                                        {"timeSyncPort", info.timeSyncPort},
-                                        {"nanomsgProtocol", vrx::toString(info.nanomsgProtocol)},
-                                        {"nanomsgUri", info.nanomsgUri},
-                                        {"sequence", sequence}};
-    std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+    const nlohmann::ordered_json json{{"address", address},
+                                      {"version", info->version},
+                                      {"timeSyncProtocol", vrx::toString(info->timeSyncProtocol)},
+                                      {"timeSyncIPAddress", info->timeSyncIPAddress},
+                                      {"timeSyncPort", info->timeSyncPort},
+                                      {"nanomsgProtocol", vrx::toString(info->nanomsgProtocol)},
+                                      {"nanomsgUri", info->nanomsgUri},
+                                      {"sequence", sequence}};
+    std::cout << json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
     return 0;
 }
 
@@ -153,27 +193,29 @@ int probe(const std::string& address, double timeoutSeconds)
 
 int main(int argc, char** argv)
 {
+    SignalDescriptor signals; // first: every thread started later inherits the blocked signals
     setProgramName("vrx-probe");
     log4cplus::Initializer logging;
 
     CLI::App app{"vrx-probe: print what the sender at ADDRESS streams, as one JSON object.", "vrx-probe"};
     std::string address;
     double timeoutSeconds = 2;
-    LoggingOptions loggingOptions;
+    CommonOptions commonOptions;
     addAddressArgument(app, address,
                        "Sidechannel address of the sender (as given to vrx-send). Example: my-audio");
     app.add_option("-t,--timeout", timeoutSeconds,
                    "Wait at most SECONDS for a sender to answer (default 2). Example: --timeout 0.5")
         ->type_name("SECONDS")
         ->check(positiveNumber());
-    addLoggingOptions(app, loggingOptions);
+    addCommonOptions(app, commonOptions);
     app.footer(
         R"(Prints the sender's greeting: protocol version, the clock its timestamps are on (sysclock, or
 gstnetclock with the time server's address and port), the data channel's protocol and URI, and the
 current sequence (number, FourCC and, for PCM, rate, channels and sample format; null before the
-first sequence). Exits 0 after printing, 1 when no sender answers within the timeout.
+first sequence). Exits 0 after printing, 1 when no sender answers within the timeout, when what
+answers is no VRX sender, or when a signal (Ctrl-C) ends the wait.
 
-Example:
+Examples:
   $ vrx-probe my-audio
   {
     "address": "my-audio",
@@ -185,6 +227,6 @@ Example:
   })");
     if (const int exitCode = parseCommandLine(app, argc, argv); exitCode >= 0)
         return exitCode;
-    configureLogging(loggingOptions);
-    return probe(address, timeoutSeconds);
+    configureLogging(commonOptions);
+    return probe(address, timeoutSeconds, signals);
 }

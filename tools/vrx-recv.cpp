@@ -18,17 +18,18 @@
 #include <log4cplus/initializer.h>
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
-#include <cmath>
-#include <cstring>
 
 namespace {
 
@@ -41,17 +42,24 @@ struct Options
 {
     std::string address;
     std::string outPath;
-    int outMajorFormat = 0;
+    int outMajorFormat = 0; // of the file, or of standard output with --stdout-type
     bool toStdout = false;
+    std::string stdoutType; // empty: raw
+    bool followFormat = false;
+    bool lossy = false;
+    bool fillGaps = false;
     double durationSeconds = 0;
     std::uint64_t frameLimit = 0;
     bool exitWithSender = false;
-    LoggingOptions logging;
+    CommonOptions common;
 };
 
 // A receiver also reconnects to a sender that is still there (one that it joined just before
 // a sequence began, for instance); a sender is gone when no connection comes back this soon.
 constexpr TimeValue senderGoneAfter = 1'000'000'000;
+
+// Exit codes beyond 0, 1 (an error) and 2 (bad arguments).
+constexpr int exitFormatChanged = 3;
 
 // ---- Output ------------------------------------------------------------------------------
 
@@ -63,79 +71,140 @@ enum class StopReason
     FrameLimit,
     SenderGone,
     ReaderGone,
+    FormatChanged,
     Failed,
 };
 
-/// Where the samples go: audio files, raw standard output, or nowhere. Used by the writer
-/// thread while it runs and by the main thread after it has ended, never by both.
+/// Where the samples go: audio files, standard output (raw, or in a file format libsndfile
+/// writes to a pipe), or nowhere. Used by the writer thread while it runs and by the main
+/// thread after it has ended, never by both.
 class Output
 {
 public:
     explicit Output(const Options& options) : m_options(options) {}
 
-    /// A sequence begins. In files, another format closes the file and opens the next one;
-    /// false, after a message, when that fails.
+    /// A sequence begins. In files, another format closes the file and opens the next one.
+    /// False, after a message, when the output cannot go on; stopReason() says why.
     bool startSequence(const StreamFormat& format)
     {
-        const bool changed = m_format && *m_format != format;
         if (m_format == format)
             return true;
+        const std::optional<StreamFormat> previous = m_format;
         m_format = format;
-        if (m_options.toStdout)
+        if (!m_options.toStdout)
         {
-            printNote(std::string(changed ? "the format changed; standard output continues in " : "raw ") +
-                      format.describe() + (changed ? "" : " on standard output"));
+            close();
+            return m_options.outPath.empty() || open(format);
+        }
+        if (!previous)
+        {
+            if (!m_options.stdoutType.empty())
+                return open(format);
+            printNote("writing standard output as raw samples, " + format.describe());
             return true;
         }
-        if (m_options.outPath.empty())
+        // A reader of standard output was told the first format (aplay -f, a header): it would
+        // take the new samples for the old format, as noise.
+        if (m_options.followFormat)
+        {
+            printNote("the format changed; standard output continues in " + format.describe());
             return true;
-        close();
-        return open(format);
+        }
+        return fail(StopReason::FormatChanged,
+                    "the format changed from " + previous->describe() + " to " + format.describe() +
+                        "; standard output ends here, since its reader would misread the new samples" +
+                        (m_options.stdoutType.empty() ? " (--follow-format goes on)" : ""));
     }
 
     /// Writes the whole sample frames of one frame; false, after a message, when that fails.
-    /// A reader that went away (EPIPE) ends the output quietly and readerGone() tells.
     bool write(std::span<const unsigned char> samples)
     {
         if (!m_format)
             return true;
         const std::size_t frameBytes = m_format->frameBytes();
         samples = samples.first(samples.size() / frameBytes * frameBytes);
-        if (m_options.toStdout)
-            return writeRaw(samples);
         if (m_file)
             return writeFile(samples);
+        if (m_options.toStdout)
+            return writeRaw(samples);
+        return true;
+    }
+
+    /// Writes silence for `nanoseconds` of stream that were lost.
+    bool writeSilence(std::uint64_t nanoseconds)
+    {
+        if (!m_format)
+            return true;
+        const std::size_t frameBytes = m_format->frameBytes();
+        const auto frames = static_cast<std::size_t>(
+            std::llround(static_cast<double>(nanoseconds) * m_format->sampleRate / 1e9));
+        // Silence in the wire format: 0, or half the range for unsigned samples.
+        constexpr std::size_t chunkFrames = 4096;
+        if (m_silenceFormat != m_format)
+        {
+            m_silence.resize(chunkFrames * frameBytes);
+            const audioUtils::PcmFormat sampleFormat = m_format->sampleFormat;
+            const std::size_t width = audioUtils::getBytesPerSample(sampleFormat);
+            for (std::size_t offset = 0; offset < m_silence.size(); offset += width)
+                isFloatFormat(sampleFormat) ? writeFloatSample(0, sampleFormat, m_silence.data() + offset)
+                                            : writeIntSample(0, sampleFormat, m_silence.data() + offset);
+            m_silenceFormat = m_format;
+        }
+        for (std::size_t left = frames; left > 0;)
+        {
+            const std::size_t now = std::min(left, chunkFrames);
+            if (!write(std::span(m_silence).first(now * frameBytes)))
+                return false;
+            left -= now;
+        }
         return true;
     }
 
     /// Closes the file, which writes its final header.
     void close() { m_file.reset(); }
 
-    bool readerGone() const { return m_readerGone; }
+    StopReason stopReason() const { return m_stopReason; }
     const std::vector<std::string>& files() const { return m_files; }
 
 private:
+    bool fail(StopReason reason, const std::string& message)
+    {
+        m_stopReason = reason;
+        if (!message.empty())
+            printNote(message);
+        return false;
+    }
+
+    /// Opens the next file, or standard output in a file format.
     bool open(const StreamFormat& format)
     {
-        const std::string path = m_files.empty() ? m_options.outPath : numberedPath(m_files.size());
+        const bool toStdout = m_options.toStdout;
+        const std::string name =
+            toStdout ? "standard output"
+                     : printable(m_files.empty() ? m_options.outPath : numberedPath(m_files.size()));
+        const FileFormat chosen = chooseFileFormat(m_options.outMajorFormat, format);
+        if (chosen.format == 0)
+            return fail(StopReason::Failed, "cannot write " + format.describe() + " to " + name + ": " +
+                                                describeFileFormat(m_options.outMajorFormat) +
+                                                " has no room for it");
+        if (!chosen.keepsEverySample && !m_options.lossy)
+            return fail(StopReason::Failed, "cannot keep every sample of " + format.describe() + " in " +
+                                                describeFileFormat(m_options.outMajorFormat) + " (" + name +
+                                                "); .wav keeps them, and --lossy accepts " +
+                                                describeFileFormat(chosen.format));
         SF_INFO info{};
         info.samplerate = static_cast<int>(format.sampleRate);
         info.channels = static_cast<int>(format.channels);
-        info.format = fileFormatFor(m_options.outMajorFormat, format);
-        if (info.format == 0)
-        {
-            printNote("cannot write " + format.describe() + " into '" + path +
-                      "': its file format has no room for it");
-            return false;
-        }
-        m_file.reset(sf_open(path.c_str(), SFM_WRITE, &info));
+        info.format = chosen.format;
+        const std::string path = m_files.empty() ? m_options.outPath : numberedPath(m_files.size());
+        m_file.reset(toStdout ? sf_open_fd(STDOUT_FILENO, SFM_WRITE, &info, SF_FALSE)
+                              : sf_open(path.c_str(), SFM_WRITE, &info));
         if (!m_file)
-        {
-            printNote("cannot write '" + path + "': " + sf_strerror(nullptr));
-            return false;
-        }
-        m_files.push_back(path);
-        printNote("writing " + path + " (" + format.describe() + ")");
+            return fail(StopReason::Failed, "cannot write " + name + ": " + sf_strerror(nullptr));
+        if (!toStdout)
+            m_files.push_back(path);
+        printNote("writing " + name + " as " + describeFileFormat(chosen.format) +
+                  (chosen.keepsEverySample ? "" : " (lossy)") + ", " + format.describe());
         return true;
     }
 
@@ -155,6 +224,7 @@ private:
         const std::size_t count = samples.size() / width;
         const auto frames = static_cast<sf_count_t>(count / m_format->channels);
         sf_count_t written = 0;
+        errno = 0;
         if (isFloatFormat(format))
         {
             m_floats.resize(count);
@@ -171,8 +241,12 @@ private:
         }
         if (written == frames)
             return true;
-        printNote("cannot write '" + m_files.back() + "': " + sf_strerror(m_file.get()));
-        return false;
+        if (m_options.toStdout && errno == EPIPE)
+            return fail(StopReason::ReaderGone, "");
+        return fail(StopReason::Failed,
+                    "cannot write " +
+                        (m_options.toStdout ? std::string("standard output") : printable(m_files.back())) +
+                        ": " + sf_strerror(m_file.get()));
     }
 
     bool writeRaw(std::span<const unsigned char> samples)
@@ -182,13 +256,11 @@ private:
             const ssize_t written = ::write(STDOUT_FILENO, samples.data(), samples.size());
             if (written < 0 && errno == EINTR)
                 continue;
+            if (written <= 0 && errno == EPIPE)
+                return fail(StopReason::ReaderGone, "");
             if (written <= 0)
-            {
-                m_readerGone = errno == EPIPE;
-                if (!m_readerGone)
-                    printNote("cannot write to standard output: " + miscUtils::strerror_r_safe(errno));
-                return false;
-            }
+                return fail(StopReason::Failed,
+                            "cannot write to standard output: " + miscUtils::strerror_r_safe(errno));
             samples = samples.subspan(static_cast<std::size_t>(written));
         }
         return true;
@@ -196,11 +268,13 @@ private:
 
     const Options& m_options;
     std::optional<StreamFormat> m_format;
-    SoundFile m_file;
+    SoundFile m_file; // a file, or standard output in a file format
     std::vector<std::string> m_files;
     std::vector<int> m_ints;
     std::vector<float> m_floats;
-    bool m_readerGone = false;
+    std::vector<unsigned char> m_silence;
+    std::optional<StreamFormat> m_silenceFormat; // of what m_silence holds
+    StopReason m_stopReason = StopReason::None;
 };
 
 // ---- Writer thread ---------------------------------------------------------------------
@@ -213,7 +287,7 @@ class Writer
 {
 public:
     /// Called once, on the writer thread, when the output fails; then nothing more is written.
-    using FailureCallback = std::function<void(bool readerGone)>;
+    using FailureCallback = std::function<void(StopReason)>;
 
     Writer(Output& output, FailureCallback onFailure)
         : m_output(output), m_onFailure(std::move(onFailure)), m_thread(&Writer::run, this)
@@ -223,8 +297,9 @@ public:
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
-    void startSequence(const StreamFormat& format) { push(format, {}); }
-    void write(std::span<const unsigned char> samples) { push(std::nullopt, samples); }
+    void startSequence(const StreamFormat& format) { push(format, {}, 0); }
+    void write(std::span<const unsigned char> samples) { push(std::nullopt, samples, 0); }
+    void writeSilence(std::uint64_t nanoseconds) { push(std::nullopt, {}, nanoseconds); }
 
     /// Writes everything queued, then ends the thread.
     void finish()
@@ -249,11 +324,13 @@ private:
 
     struct Item
     {
-        std::optional<StreamFormat> sequence; // else samples
+        std::optional<StreamFormat> sequence; // else samples, or silence when that is not 0
         vrx::Buffer samples;
+        std::uint64_t silenceNs;
     };
 
-    void push(std::optional<StreamFormat> sequence, std::span<const unsigned char> samples)
+    void push(std::optional<StreamFormat> sequence, std::span<const unsigned char> samples,
+              std::uint64_t silenceNs)
     {
         std::lock_guard lock(m_mutex);
         if (m_queuedBytes + samples.size() > maxQueuedBytes)
@@ -269,7 +346,7 @@ private:
         }
         buffer.assign(samples.begin(), samples.end());
         m_queuedBytes += buffer.size();
-        m_items.push_back({sequence, std::move(buffer)});
+        m_items.push_back({sequence, std::move(buffer), silenceNs});
         m_wake.notify_one();
     }
 
@@ -286,11 +363,12 @@ private:
             m_items.pop_front();
             m_queuedBytes -= item.samples.size();
             lock.unlock();
-            if (!failed &&
-                !(item.sequence ? m_output.startSequence(*item.sequence) : m_output.write(item.samples)))
+            if (!failed && !(item.sequence    ? m_output.startSequence(*item.sequence)
+                             : item.silenceNs ? m_output.writeSilence(item.silenceNs)
+                                              : m_output.write(item.samples)))
             {
                 failed = true;
-                m_onFailure(m_output.readerGone());
+                m_onFailure(m_output.stopReason());
             }
             lock.lock();
             m_spareBuffers.push_back(std::move(item.samples));
@@ -323,16 +401,14 @@ public:
           m_receiver(receiver),
           m_depayloader(depayloader),
           m_output(options),
-          m_writer(
-              m_output,
-              [this](bool readerGone) { stop(readerGone ? StopReason::ReaderGone : StopReason::Failed); }),
+          m_writer(m_output, [this](StopReason reason) { stop(reason); }),
           m_stats(measurePeaks)
     {
         receiver.setStateChangedCallback([this](State state) { onStateChanged(state); });
         receiver.setReceiverIsReadyCallback([this](vrx::Depayloader&, ClockType clock) { m_clock = clock; });
         receiver.setConnectionAttemptFailedCallback([this] {
-            printNote("cannot open the data channel of '" + m_options.address +
-                      "' (a pipeline sender takes one receiver only; --log-level debug shows why)");
+            printNote("cannot open the data channel of " + printable(m_options.address) +
+                      " (a pipeline sender takes one receiver only; --log-level debug shows why)");
             stop(StopReason::Failed);
         });
         receiver.setNewSequenceCallback([this](vrx::Depayloader&) { onNewSequence(); });
@@ -382,9 +458,9 @@ private:
         }
         if (state != State::Connecting)
             return;
-        // Reconnecting: the next frame may come after a pause that is no gap in the stream.
-        m_stats.restartContinuity();
+        // Reconnecting: what the stream loses until the next frame is a gap like any other.
         m_clock = ClockType::Undetermined;
+        m_connectionClock = ClockType::Undetermined;
         if (m_wasRunning)
             m_reconnectingSince = now();
     }
@@ -410,7 +486,17 @@ private:
             latency = static_cast<std::int64_t>(m_receiver.getCurrentStreamTime() - timestamp);
             m_lastClock = clock;
         }
-        m_stats.addFrame(timestamp, duration, data, now(), latency);
+        // Timestamps of a sender on another clock are on another time base: no gap to measure.
+        if (m_connectionClock == ClockType::Undetermined)
+        {
+            m_connectionClock = m_receiver.getStreamClockType();
+            if (m_previousClock != ClockType::Undetermined && m_connectionClock != m_previousClock)
+                m_stats.restartContinuity();
+            m_previousClock = m_connectionClock;
+        }
+        const TimeValue lost = m_stats.addFrame(timestamp, duration, data, now(), latency);
+        if (m_writes && lost > 0 && m_options.fillGaps)
+            m_writer.writeSilence(lost);
         if (m_writes)
             m_writer.write(data);
         ++m_frames;
@@ -437,21 +523,26 @@ private:
     std::atomic<State> m_state{State::Idle};
     std::atomic<ClockType> m_clock{ClockType::Undetermined};
     std::atomic<ClockType> m_lastClock{ClockType::Undetermined};
-    bool m_wasRunning = false;                     // receiver thread
-    std::atomic<TimeValue> m_reconnectingSince{0}; // 0 while running or before the first connection
+    bool m_wasRunning = false;                             // receiver thread
+    ClockType m_connectionClock = ClockType::Undetermined; // receiver thread: of this connection
+    ClockType m_previousClock = ClockType::Undetermined;   // receiver thread: of the last one with frames
+    std::atomic<TimeValue> m_reconnectingSince{0};         // 0 while running or before the first connection
     std::uint64_t m_frames = 0;
     std::optional<TimeValue> m_firstTimestamp;
 };
 
-std::string statusText(Recording& recording, const std::string& address)
+/// The status line's fields, the most important first: the line drops them from the right.
+std::vector<std::string> statusFields(Recording& recording, const std::string& address)
 {
     const StreamSnapshot snapshot = recording.stats().snapshot(now());
     if (recording.state() != State::Running)
-        return "connecting to '" + address + "' | " + std::to_string(snapshot.frames) + " frames";
-    return std::string("running | ") + (snapshot.format ? snapshot.format->describe() : "no sequence yet") +
-           " | " + std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) +
-           ") | " + std::to_string(snapshot.gaps) + " gaps | peak " + describePeaks(snapshot.peaks) +
-           " | latency " + describeLatency(snapshot.recentLatency);
+        return {"connecting to " + printable(address), std::to_string(snapshot.frames) + " frames"};
+    return {"running",
+            snapshot.format ? snapshot.format->describe() : "no sequence yet",
+            std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
+            std::to_string(snapshot.gaps) + " gaps",
+            "peak " + describePeaks(snapshot.peaks),
+            "latency " + describeLatency(snapshot.recentLatency)};
 }
 
 std::string summaryText(Recording& recording, const Options& options)
@@ -461,20 +552,21 @@ std::string summaryText(Recording& recording, const Options& options)
     switch (recording.stopReason())
     {
     case StopReason::Duration:
-        reason = "after " + describeSeconds(std::llround(options.durationSeconds * 1e9)) + " of stream";
+        reason = "after " + describeSeconds(std::llround(options.durationSeconds * 1e9)) + " of stream time";
         break;
     case StopReason::FrameLimit: reason = "after " + std::to_string(options.frameLimit) + " frames"; break;
     case StopReason::SenderGone: reason = "when the sender went away"; break;
     case StopReason::ReaderGone: reason = "when standard output was closed"; break;
+    case StopReason::FormatChanged: reason = "at a change of format on standard output"; break;
     case StopReason::Failed: reason = "on an error"; break;
     case StopReason::Signal:
     case StopReason::None: reason = "on a signal"; break;
     }
     if (snapshot.frames == 0)
-        return "stopped " + reason + "; nothing arrived from '" + options.address + "'";
+        return "stopped " + reason + "; nothing arrived from " + printable(options.address);
     std::string files;
     for (const std::string& file : recording.output().files())
-        files += (files.empty() ? "" : ", ") + file;
+        files += (files.empty() ? "" : ", ") + printable(file);
     const ClockType clock = recording.lastClock();
     const auto row = [](const char* label, const std::string& value) {
         return "\n  " + std::string(label) + std::string(10 - std::strlen(label), ' ') + value;
@@ -483,7 +575,9 @@ std::string summaryText(Recording& recording, const Options& options)
            row("frames", std::to_string(snapshot.frames) + " (" + describeSeconds(snapshot.streamNs) +
                              ") in " + std::to_string(snapshot.sequences) +
                              (snapshot.sequences == 1 ? " sequence" : " sequences")) +
-           row("format", snapshot.format->describe()) + row("gaps", std::to_string(snapshot.gaps)) +
+           row("format", snapshot.format->describe()) +
+           row("gaps", describeGaps(snapshot) +
+                           (options.fillGaps && snapshot.gaps > 0 ? ", filled with silence" : "")) +
            row("latency", describeLatency(snapshot.overallLatency) +
                               (clock == ClockType::Undetermined
                                    ? ""
@@ -503,20 +597,39 @@ void describeOptions(CLI::App& app, Options& options)
     auto* out =
         app.add_option("-o,--out", options.outPath,
                        "Write what arrives to FILE, in the format its extension names (wav, flac, aiff, "
-                       "au, caf, w64, ... anything libsndfile writes), keeping every sample. A sequence of "
-                       "another format closes the file and opens FILE-1.ext, then FILE-2.ext, ... Example: "
-                       "--out capture.wav")
+                       "au, caf, w64, ... anything libsndfile writes), keeping every sample: a format that "
+                       "cannot (.ogg, .mp3, or 32-bit and float samples in .flac, which keeps 24 bits) is "
+                       "refused unless --lossy is given. A sequence of another format closes the file and "
+                       "opens FILE-1.ext, then FILE-2.ext, ... Example: --out capture.wav")
             ->type_name("FILE");
     auto* toStdout =
         app.add_flag("--stdout", options.toStdout,
-                     "Write the samples raw to standard output, as the sender sent them (the format "
-                     "is noted on stderr). Example: vrx-recv --stdout my-audio | aplay -f S16_LE -r "
-                     "48000 -c 2");
+                     "Write the samples raw to standard output, as the sender sent them (the format is "
+                     "noted on stderr). At a change of format standard output ends, with exit status 3, "
+                     "unless --follow-format is given. Example: vrx-recv --stdout my-audio | aplay -f "
+                     "S16_LE -r 48000 -c 2");
+    app.add_option("--stdout-type", options.stdoutType,
+                   "Write standard output as TYPE: raw (the samples as sent, the default), or an audio file "
+                   "format libsndfile writes to a pipe: au or flac, whose header names rate, channels and "
+                   "sample format, so that the reader needs no options. Implies --stdout. Example: "
+                   "vrx-recv --stdout-type au my-audio | aplay")
+        ->type_name("TYPE")
+        ->excludes(out);
+    app.add_flag("--follow-format", options.followFormat,
+                 "With raw --stdout: go on after a change of format, in the new format (noted on stderr), "
+                 "for readers that follow it.")
+        ->excludes(out);
     out->excludes(toStdout);
-    app.add_option(
-           "-d,--duration", options.durationSeconds,
-           "Stop after SECONDS of stream, counted by frame timestamps from the first frame that arrives. "
-           "Example: --duration 3")
+    app.add_flag("--lossy", options.lossy,
+                 "Accept a file format that does not keep every sample: a lossy one (.ogg, .mp3) or a "
+                 "narrower one (32-bit or float samples into .flac).");
+    app.add_flag("--fill-gaps", options.fillGaps,
+                 "Write silence for every stretch the stream lost (a gap in the frame timestamps, a "
+                 "sender that was away), so that the recording keeps the stream's length in time.");
+    app.add_option("-d,--duration", options.durationSeconds,
+                   "Stop after SECONDS of stream time: once frame timestamps have advanced SECONDS past the "
+                   "first frame that arrived. Gaps count (the summary says what they lost); with --fill-gaps "
+                   "the recording then lasts SECONDS. Example: --duration 3")
         ->type_name("SECONDS")
         ->check(positiveNumber());
     app.add_option("-n,--frames", options.frameLimit, "Stop after N frames. Example: --frames 100")
@@ -526,23 +639,90 @@ void describeOptions(CLI::App& app, Options& options)
         "--exit-with-sender", options.exitWithSender,
         "Stop when the sender goes away (after what it sent has arrived; no sender to reconnect to for a "
         "second) instead of waiting for it to come back.");
-    addLoggingOptions(app, options.logging);
+    addCommonOptions(app, options.common);
     app.footer(
-        R"(Without --out or --stdout, vrx-recv only shows the stream. Ctrl-C (SIGINT) or SIGTERM stops it
-cleanly: the file's header is finalised. A summary of what arrived goes to stderr at the end. On a
-terminal a status line shows state, format, frames, gaps (breaks in timestamp continuity), peak
-level per channel and, on clocks this host shares, latency (now - timestamp) over the last second.
-Receivers watch $TMPDIR (default /tmp/vrx) for senders; vrx-recv creates it when it is missing.
+        R"(Without --out or --stdout, vrx-recv only shows the stream. Ctrl-C (SIGINT), SIGTERM or SIGHUP
+stops it cleanly: the file's header is finalised. A summary of what arrived goes to stderr at the
+end, with the gaps (breaks in timestamp continuity, also across a sender's restart) and what they
+lost. On a terminal a status line shows state, format, frames, gaps, peak level per channel and, on
+clocks this host shares, latency (now - timestamp) over the last second. Receivers watch $TMPDIR
+(default /tmp/vrx) for senders; vrx-recv creates it when it is missing.
+
+Exit status: 0 when stopped as asked, 1 on an error, 2 on bad arguments, 3 when standard output
+ended at a change of format.
 
 Examples:
+  # Three seconds of stream into a file:
   vrx-recv --duration 3 --out demo.wav my-audio
+  # A minute by the clock, lost stretches filled with silence:
+  vrx-recv --duration 60 --fill-gaps --out minute.flac my-audio
+  # Listen (the format as vrx-recv notes it on stderr), or let a header tell the reader:
   vrx-recv --stdout my-audio | aplay -f S16_LE -r 48000 -c 2
-  vrx-recv my-audio                                   watch the stream's status only)");
+  vrx-recv --stdout-type au my-audio | aplay
+  # Watch the stream's status only:
+  vrx-recv my-audio)");
+}
+
+/// Why a file can never be created at `path`, or "".
+std::string checkWritablePath(const std::string& path)
+{
+    struct stat status
+    {};
+    if (stat(path.c_str(), &status) == 0)
+    {
+        if (S_ISDIR(status.st_mode))
+            return "it is a directory";
+        return access(path.c_str(), W_OK) == 0 ? "" : miscUtils::strerror_r_safe(errno);
+    }
+    if (errno != ENOENT)
+        return miscUtils::strerror_r_safe(errno);
+    const std::size_t slash = path.find_last_of('/');
+    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    return access(directory.c_str(), W_OK | X_OK) == 0 ? "" : miscUtils::strerror_r_safe(errno);
+}
+
+/// Checks --out and --stdout-type before anything is created, and finds their file format;
+/// a message when they cannot work.
+std::string checkOutput(Options& options)
+{
+    std::string option = "--out";
+    if (options.stdoutType == "raw")
+    {
+        options.stdoutType.clear();
+        options.toStdout = true;
+    }
+    if (options.followFormat && (!options.toStdout || !options.stdoutType.empty()))
+        return "--follow-format goes with raw standard output (--stdout): a file has one format";
+    if (!options.stdoutType.empty())
+    {
+        option = "--stdout-type";
+        options.toStdout = true;
+        options.outMajorFormat = majorFormatForPath("." + options.stdoutType);
+        if (options.outMajorFormat == 0)
+            return "--stdout-type: unknown type " + printable(options.stdoutType) + "; use one of " +
+                   writableExtensions();
+        if (!writesToPipe(options.outMajorFormat))
+            return "--stdout-type: libsndfile cannot write " + describeFileFormat(options.outMajorFormat) +
+                   " to a pipe; au and flac it can";
+    }
+    else if (!options.outPath.empty())
+    {
+        options.outMajorFormat = majorFormatForPath(options.outPath);
+        if (options.outMajorFormat == 0)
+            return "--out: cannot tell a file format from " + printable(options.outPath) +
+                   "; use one of the extensions " + writableExtensions();
+        if (const std::string problem = checkWritablePath(options.outPath); !problem.empty())
+            return "--out: cannot write " + printable(options.outPath) + ": " + problem;
+    }
+    else
+        return {};
+    const std::string problem = refuseFileFormat(options.outMajorFormat, options.lossy);
+    return problem.empty() ? "" : option + ": " + problem;
 }
 
 int run(const Options& options, SignalDescriptor& signals)
 {
-    configureLogging(options.logging);
+    configureLogging(options.common);
     if (!ensureSenderParentDirectory())
         return 1;
 
@@ -564,13 +744,21 @@ int run(const Options& options, SignalDescriptor& signals)
             recording.stop(StopReason::Signal);
         recording.checkSenderGone(now());
         if (status.due(now()))
-            status.show(statusText(recording, options.address));
+            status.show(statusFields(recording, options.address));
     }
     receiver.shutdownReceiver(); // after it, no callback queues output any more
     recording.finishOutput();
     status.clear();
-    printNote(summaryText(recording, options));
-    return recording.stopReason() == StopReason::Failed ? 1 : 0;
+    // An output that failed before it made a file (one that refused the stream) said why in one
+    // line; frames that came meanwhile were not written, so there is nothing to sum up.
+    if (recording.stopReason() != StopReason::Failed || !recording.output().files().empty())
+        printNote(summaryText(recording, options));
+    switch (recording.stopReason())
+    {
+    case StopReason::Failed: return 1;
+    case StopReason::FormatChanged: return exitFormatChanged;
+    default: return 0;
+    }
 }
 
 } // namespace
@@ -587,15 +775,10 @@ int main(int argc, char** argv)
     describeOptions(app, options);
     if (const int exitCode = parseCommandLine(app, argc, argv); exitCode >= 0)
         return exitCode;
-    if (!options.outPath.empty())
+    if (const std::string problem = checkOutput(options); !problem.empty())
     {
-        options.outMajorFormat = majorFormatForPath(options.outPath);
-        if (options.outMajorFormat == 0)
-        {
-            printNote("--out: cannot tell a file format from '" + options.outPath +
-                      "'; use one of the extensions " + writableExtensions());
-            return 2;
-        }
+        printNote(problem + " (see --help)");
+        return 2;
     }
     return run(options, signals);
 }

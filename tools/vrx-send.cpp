@@ -14,6 +14,7 @@
 
 #include <miscutils/MiscUtils.h>
 #include <miscutils/SyncedNetClock.h>
+#include <voraxis/SideChannel.h>
 #include <voraxis/VrxSender.h>
 
 #include <log4cplus/initializer.h>
@@ -56,7 +57,7 @@ struct Options
     unsigned int frameMs = 10;
     double reformatEvery = 0;
     bool waitForReceiver = false;
-    LoggingOptions logging;
+    CommonOptions common;
 };
 
 // ---- Sources ---------------------------------------------------------------------------
@@ -149,11 +150,11 @@ public:
         File file{path, {}, nullptr};
         file.handle.reset(sf_open(path.c_str(), SFM_READ, &file.info));
         if (!file.handle)
-            error = "cannot read '" + path + "': " + sf_strerror(nullptr);
+            error = "cannot read " + printable(path) + ": " + sf_strerror(nullptr);
         else if (file.info.frames <= 0)
-            error = "'" + path + "' holds no samples";
+            error = printable(path) + " holds no samples";
         else if (file.info.channels > 255)
-            error = "'" + path + "' has " + std::to_string(file.info.channels) +
+            error = printable(path) + " has " + std::to_string(file.info.channels) +
                     " channels; a stream has at most 255";
         else
             return file;
@@ -310,6 +311,11 @@ public:
 
     /// Since when the current send has been in the sender (monotonic ns), 0 when none is.
     TimeValue sendStartedAt() const { return m_sendStartedAt; }
+    /// Since when the producer has been waiting for the source (monotonic ns), 0 when it is not.
+    TimeValue readStartedAt() const { return m_readStartedAt; }
+    /// Times standard input came too late for the schedule, and the time the stream skipped.
+    std::uint64_t inputStalls() const { return m_inputStalls; }
+    TimeValue skippedNs() const { return m_skippedNs; }
 
 private:
     void run()
@@ -335,7 +341,9 @@ private:
                 prepareSequence(format);
                 m_announcePending = true;
             }
+            m_readStartedAt = std::max<TimeValue>(now(), 1);
             const std::size_t frames = m_source.read(m_frame, m_framesPerPacket);
+            m_readStartedAt = 0;
             if (frames > 0 && !sendFrame(format, frames))
                 return;
         }
@@ -364,6 +372,8 @@ private:
     {
         if (m_nextDeadline == 0) // the clock starts with the first frame that is ready
             m_segmentStart = m_nextDeadline = now();
+        else if (m_options.fromStdin)
+            resumeAfterStall(format);
         const TimeValue deadline = m_nextDeadline;
         m_segmentFrames += frames;
         m_nextDeadline = m_segmentStart + framesToNs(m_segmentFrames, format.sampleRate);
@@ -391,6 +401,24 @@ private:
         const TimeValue sent = now();
         m_stats.addFrame(deadline, duration, samples, sent, static_cast<std::int64_t>(sent - deadline));
         return true;
+    }
+
+    /// Standard input that stalled would leave every later frame as late as it came, for good:
+    /// the schedule starts again at the current time, and the stream has a gap instead.
+    void resumeAfterStall(const StreamFormat& format)
+    {
+        const TimeValue current = now();
+        const TimeValue tolerance =
+            std::max<TimeValue>(2 * framesToNs(m_framesPerPacket, format.sampleRate), 100'000'000);
+        if (current <= m_nextDeadline + tolerance)
+            return;
+        const TimeValue late = current - m_nextDeadline;
+        printNote("standard input came " + describeSeconds(late) +
+                  " late; the stream goes on at the current time, after a gap of that length");
+        m_segmentStart = m_nextDeadline = current;
+        m_segmentFrames = 0;
+        ++m_inputStalls;
+        m_skippedNs += late;
     }
 
     template <typename Send>
@@ -460,6 +488,9 @@ private:
     std::atomic<bool> m_waitingForReceiver{false};
     std::atomic<std::uint64_t> m_skipped{0};
     std::atomic<TimeValue> m_sendStartedAt{0};
+    std::atomic<TimeValue> m_readStartedAt{0};
+    std::atomic<std::uint64_t> m_inputStalls{0};
+    std::atomic<TimeValue> m_skippedNs{0};
     std::thread m_thread;
 };
 
@@ -487,10 +518,10 @@ bool parseTimeServer(Options& options)
 
 void describeOptions(CLI::App& app, Options& options)
 {
-    addAddressArgument(
-        app, options.address,
-        "Sidechannel address receivers connect to: an abstract Unix socket name, 1 to 107 bytes. "
-        "Example: vrx-send my-audio");
+    addAddressArgument(app, options.address,
+                       "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to " +
+                           std::to_string(vrx::MaxSocketAddressLength) +
+                           " bytes. Example: vrx-send my-audio");
     auto* file =
         app.add_option("-f,--file", options.files,
                        "Send this audio file (any format libsndfile reads), in its own rate, channels "
@@ -500,8 +531,9 @@ void describeOptions(CLI::App& app, Options& options)
     auto* stdinFlag =
         app.add_flag("--stdin", options.fromStdin,
                      "Send raw interleaved PCM read from standard input, in the format given by "
-                     "--rate, --channels and --format. Example: sox in.wav -t raw - | vrx-send "
-                     "--stdin --rate 44100 my-audio");
+                     "--rate, --channels and --format. Input that stalls leaves a gap in the stream, "
+                     "which then goes on at the current time. Example: sox in.wav -t raw -r 48000 -c 2 "
+                     "-e signed -b 16 -L - | vrx-send --stdin my-audio");
     app.add_flag("--loop", options.loop, "Start the files again from the first when the last one ends.")
         ->needs(file);
     auto* tone =
@@ -544,7 +576,7 @@ void describeOptions(CLI::App& app, Options& options)
             [](std::string& value) -> std::string {
                 return value == "pubsub" || value == "pipeline"
                            ? ""
-                           : "must be pubsub or pipeline, not '" + value + "'";
+                           : "must be pubsub or pipeline, not " + printable(value);
             },
             ""));
     app.add_option(
@@ -552,13 +584,7 @@ void describeOptions(CLI::App& app, Options& options)
            "Address to listen on when ADDRESS is taken by another sender. Example: --alternative-address "
            "my-audio-2")
         ->type_name("ADDRESS")
-        ->check(CLI::Validator(
-            [](std::string& value) -> std::string {
-                return value.size() <= 107
-                           ? ""
-                           : "too long (" + std::to_string(value.size()) + " bytes); at most 107";
-            },
-            ""));
+        ->check(addressLength());
     app.add_option(
            "--time-server", options.timeServer,
            "Announce the network time server at IP:PORT instead of the monotonic clock, and stamp frames "
@@ -568,7 +594,7 @@ void describeOptions(CLI::App& app, Options& options)
     app.add_flag("--wait-receiver", options.waitForReceiver,
                  "Start streaming only once a receiver has connected both its channels, so that a file is "
                  "heard from its very first frame.");
-    addLoggingOptions(app, options.logging);
+    addCommonOptions(app, options.common);
 
     file->excludes(stdinFlag)->excludes(tone)->excludes(rate)->excludes(channels)->excludes(format);
     reformat->excludes(file)->excludes(stdinFlag);
@@ -577,14 +603,19 @@ void describeOptions(CLI::App& app, Options& options)
     app.footer(
         R"(Streams in real time, paced by the monotonic clock, with frame timestamps and durations on that
 clock ("sysclock"). Frames go out without waiting for receivers; one that cannot go out is dropped.
-On a terminal a status line shows the stream; Ctrl-C (SIGINT) or SIGTERM stops the sender cleanly.
-Senders appear in $TMPDIR (default /tmp/vrx), which vrx-send creates when it is missing.
+On a terminal a status line shows the stream; Ctrl-C (SIGINT), SIGTERM or SIGHUP stops the sender
+cleanly. Senders appear in $TMPDIR (default /tmp/vrx), which vrx-send creates when it is missing.
 
 Examples:
-  vrx-send my-audio                                   440 Hz tone, 48 kHz stereo S16LE, 10 ms frames
-  vrx-send --file music.flac --loop my-audio          a file, again and again
-  sox in.wav -t raw - | vrx-send --stdin --rate 44100 --channels 2 --format S16LE my-audio
-  vrx-send --reformat-every 1 my-audio                a new sequence every second)");
+  # A 440 Hz tone, 48 kHz stereo S16LE, in 10 ms frames:
+  vrx-send my-audio
+  # A file, again and again:
+  vrx-send --file music.flac --loop my-audio
+  # Any file, converted by sox to the raw PCM that the options describe:
+  sox in.wav -t raw -r 44100 -c 2 -e signed -b 16 -L - | \
+      vrx-send --stdin --rate 44100 --channels 2 --format S16LE my-audio
+  # A new sequence every second, for testing receivers:
+  vrx-send --reformat-every 1 my-audio)");
 }
 
 int run(Options& options, SignalDescriptor& signals)
@@ -604,12 +635,12 @@ int run(Options& options, SignalDescriptor& signals)
     }
     if (!options.timeServer.empty() && !parseTimeServer(options))
     {
-        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not '" + options.timeServer +
-                  "' (see --help)");
+        printNote("--time-server: expected IP:PORT such as 127.0.0.1:5000, not " +
+                  printable(options.timeServer) + " (see --help)");
         return 2;
     }
 
-    configureLogging(options.logging);
+    configureLogging(options.common);
     if (!ensureSenderParentDirectory())
         return 1;
 
@@ -617,7 +648,9 @@ int run(Options& options, SignalDescriptor& signals)
     if (!options.timeServerIP.empty())
     {
         netClock = std::make_unique<miscUtils::SyncedNetClock>();
-        netClock->startSynchronization(options.timeServerIP, options.timeServerPort, 100, 175'000'000, [] {});
+        netClock->startSynchronization(options.timeServerIP, options.timeServerPort,
+                                       miscUtils::SyncedNetClock::DefaultPollIntervalMs,
+                                       miscUtils::SyncedNetClock::DefaultMaxRoundTripNs, [] {});
         const TimeValue giveUp = now() + clockSyncTimeout;
         while (!netClock->isSynchronized())
         {
@@ -642,10 +675,11 @@ int run(Options& options, SignalDescriptor& signals)
         if (probe >= 0)
         {
             close(probe);
-            printNote("another sender already listens at '" + options.address + "'");
+            printNote("another sender already listens at " + printable(options.address));
         }
         else
-            printNote("cannot start a sender at '" + options.address + "' (--log-level debug shows why)");
+            printNote("cannot start a sender at " + printable(options.address) +
+                      " (--log-level debug shows why)");
         return 1;
     }
 
@@ -682,13 +716,17 @@ int run(Options& options, SignalDescriptor& signals)
         if (status.due(now()))
         {
             const StreamSnapshot snapshot = stats.snapshot(now());
-            const char* state = producer.waitingForReceiver() ? "waiting for a receiver" : "sending";
-            status.show(std::string(state) + " | " + (snapshot.format ? snapshot.format->describe() : "-") +
-                        " | " + std::to_string(snapshot.frames) + " frames (" +
-                        describeSeconds(snapshot.streamNs) +
-                        ") | receivers: " + (sender.areThereClientConnections() ? "yes" : "none") +
-                        " | dropped " + std::to_string(producer.skippedFrames() + stalls) + " | peak " +
-                        describePeaks(snapshot.peaks) + " | late " + describeLatency(snapshot.recentLatency));
+            const TimeValue readStartedAt = producer.readStartedAt();
+            const char* state = producer.waitingForReceiver() ? "waiting for a receiver"
+                                : readStartedAt != 0 && now() - readStartedAt > stallLimit
+                                    ? "waiting for input"
+                                    : "sending";
+            status.show(
+                {state, snapshot.format ? snapshot.format->describe() : "-",
+                 std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
+                 std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
+                 "dropped " + std::to_string(producer.skippedFrames() + stalls),
+                 "peak " + describePeaks(snapshot.peaks), "late " + describeLatency(snapshot.recentLatency)});
         }
     }
     producer.stop();
@@ -703,6 +741,10 @@ int run(Options& options, SignalDescriptor& signals)
               (snapshot.sequences == 1 ? " sequence" : " sequences") +
               (producer.skippedFrames() + stalls > 0
                    ? ", dropped " + std::to_string(producer.skippedFrames() + stalls)
+                   : "") +
+              (producer.inputStalls() > 0
+                   ? ", skipped " + describeSeconds(producer.skippedNs()) + " in " +
+                         std::to_string(producer.inputStalls()) + " stall(s) of standard input"
                    : ""));
     return 0;
 }

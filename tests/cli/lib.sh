@@ -48,6 +48,13 @@ ended() {
     [ "$state" = Z ]
 }
 
+# signals_blocked PID: the tool has blocked SIGINT to take it through its descriptor, so a signal
+# sent now is handled rather than killing it.
+signals_blocked() {
+    local mask
+    mask=$(sed -n 's/^SigBlk:\s*//p' "/proc/$1/status" 2>/dev/null) && ((0x${mask: -8} & 2))
+}
+
 # finish PID: waits (30 s at most) for a background tool; its exit code in $status.
 finish() {
     wait_for "process $1 to end" ended "$1"

@@ -13,8 +13,8 @@ using miscUtils::TimeValue;
 
 constexpr std::int64_t Second = 1'000'000'000;
 // What the receiver passes.
-constexpr unsigned int PollIntervalMs = 100;
-constexpr unsigned long long MaxRoundTripNs = 175'000'000;
+constexpr unsigned int PollIntervalMs = miscUtils::SyncedNetClock::DefaultPollIntervalMs;
+constexpr unsigned long long MaxRoundTripNs = miscUtils::SyncedNetClock::DefaultMaxRoundTripNs;
 // Generous: on loopback the clock is within microseconds, but the machines running the suite
 // are shared and sanitizers slow everything down.
 constexpr std::int64_t Tolerance = 2'000'000;

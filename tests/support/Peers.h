@@ -41,9 +41,7 @@ public:
     explicit SidechannelClient(const std::string& address, bool connectNow = true)
         : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        const std::size_t length = std::min(address.size(), sizeof(m_to.sun_path) - 1);
-        std::memcpy(m_to.sun_path + 1, address.data(), length); // abstract: behind a 0 byte
-        m_toSize = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + length);
+        m_toSize = makeAbstractSocketAddress(address, m_to);
         setReceiveTimeout(m_fd, conditionDeadline);
         if (connectNow && !connect())
             close();
@@ -86,7 +84,7 @@ public:
 
 private:
     int m_fd;
-    sockaddr_un m_to{AF_UNIX, {}};
+    sockaddr_un m_to;
     socklen_t m_toSize;
 };
 
@@ -149,9 +147,8 @@ public:
     FakeSender(const std::string& address, const std::string& directory, int backlog = 4)
         : m_uri("ipc://" + directory + "/fake.ipc")
     {
-        sockaddr_un at{AF_UNIX, {}};
-        std::memcpy(at.sun_path + 1, address.data(), std::min(address.size(), sizeof(at.sun_path) - 1));
-        const auto size = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + address.size());
+        sockaddr_un at;
+        const socklen_t size = makeAbstractSocketAddress(address, at);
         if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 ||
             listen(m_listener, backlog) < 0)
             throw std::runtime_error("the fake sender cannot listen");

@@ -39,13 +39,14 @@ TEST(InitialInfoPacket, FieldsFollowEachOtherWithoutPadding)
     {
         EXPECT_EQ(produceInitialInfoPacket(info), bytes(packet));
         EXPECT_EQ(parseInitialInfoPacket(bytes(packet)), info);
+        EXPECT_EQ(tryParseInitialInfoPacket(bytes(packet)), info);
         EXPECT_EQ(parseInitialInfoPacket(bytes(packet + "more\x00\x07"s)), info) << "bytes behind the URI";
     }
 }
 
-// The parser's bound checks: a malformed packet stops the process. The address "xy" makes every
-// later offset depend on its length; the 0 at offset 1 belongs to the version, and zero port and
-// protocol bytes do not end the URI.
+// The parser's bound checks: a malformed packet stops the process, and is nothing to the parser
+// that does not assert. The address "xy" makes every later offset depend on its length; the 0 at
+// offset 1 belongs to the version, and zero port and protocol bytes do not end the URI.
 TEST(InitialInfoPacketDeathTest, AMalformedPacketStopsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -53,8 +54,11 @@ TEST(InitialInfoPacketDeathTest, AMalformedPacketStopsTheProcess)
          {""sv, "\x01"sv, "\x01\x00"sv, "\x01\x00xy"sv, "\x01\x00xy\x00"sv, "\x01\x00xy\x00\x34"sv,
           "\x01\x00xy\x00\x34\x12"sv, "\x01\x00xy\x00\x34\x12\x02"sv, "\x01\x00xy\x00\x34\x12\x02\x02"sv,
           "\x01\x00xy\x00\x34\x12\x02\x02ipc"sv, "\x01\x00xy\x00\x00\x00\x00\x00u"sv})
+    {
         EXPECT_DEATH(parseInitialInfoPacket(bytes(packet)), assertionFailure("ok", "parseInitialInfoPacket("))
             << packet.size() << " bytes";
+        EXPECT_EQ(tryParseInitialInfoPacket(bytes(packet)), std::nullopt) << packet.size() << " bytes";
+    }
 }
 
 TEST(SidechannelMessageSize, IsFourLittleEndianBytes)
@@ -66,6 +70,32 @@ TEST(SidechannelMessageSize, IsFourLittleEndianBytes)
     {
         EXPECT_EQ(produceSidechannelMessageSize(sizes[index]), sizeBytes[index]) << sizes[index];
         EXPECT_EQ(parseSidechannelMessageSize(sizeBytes[index]), sizes[index]);
+    }
+}
+
+// Where senders appear follows TMPDIR as it is at each call.
+TEST(SenderParentDirectory, IsTmpdirAsGivenElseTmpVrx)
+{
+    const ScratchTmpdir scratch;
+    const std::pair<const char*, std::string> cases[] = {{nullptr, "/tmp/vrx"}, {"", ""}, {"/x/y", "/x/y"}};
+    for (const auto& [tmpdir, expected] : cases)
+    {
+        scratch.setTmpdir(tmpdir);
+        EXPECT_EQ(getSenderParentDirectory(), expected) << (tmpdir ? tmpdir : "unset");
+    }
+}
+
+// A 0 byte, then the name without a terminator, cut to 107 bytes.
+TEST(AbstractSocketAddress, IsTheNameBehindA0ByteCutToTheLimit)
+{
+    const std::string longest(MaxSocketAddressLength, 'x');
+    for (const auto& [name, used] : {std::pair{"a\0b"s, "a\0b"s}, {longest + "y", longest}, {""s, ""s}})
+    {
+        sockaddr_un address;
+        const socklen_t length = makeAbstractSocketAddress(name, address);
+        EXPECT_EQ(length, sizeof(sa_family_t) + 1 + used.size()) << name.size();
+        EXPECT_EQ(address.sun_family, AF_UNIX);
+        EXPECT_EQ(std::string(address.sun_path, 1 + used.size()), "\0"s + used) << name.size();
     }
 }
 

@@ -19,6 +19,7 @@ TEST(PacketHeader, TypeIsByte0AndTheSequenceNumberBytes2And3LittleEndian)
         EXPECT_EQ(parsePacketType(Buffer{type, 1, 2}), types[type]) << int{type};
     EXPECT_EQ(toString(PacketType{4}), "<dummy>");
     EXPECT_EQ(parsePacketSequenceNr(bytes("\x01\x00\xEF\xBE\x07"sv)), 0xBEEF);
+    EXPECT_EQ(parseSequenceInfoFourcc(bytes("\x01\x00\x01\x00PCMA"sv)), PcmFourcc);
 }
 
 // Each packet overwrites a buffer that held a larger one: exactly, and in the same storage.
@@ -100,6 +101,7 @@ TEST(PayloadDeathTest, BrokenPreconditionsStopTheProcess)
         {"false", [] { toString(PacketType::Count); }, "toString"},
         {"packetData.size() >= 1", [] { parsePacketType(ByteSpan{}); }, "parsePacketType"},
         {"packetData.size() >= 4", [] { parsePacketSequenceNr(bytes("\x02\x00\x01"sv)); }, "SequenceNr"},
+        {"packetData.size() >= 8", [] { parseSequenceInfoFourcc(bytes("\x01\x00\x01\x00PCM"sv)); }, "Fourcc"},
         {"(packetOffset + mediaData.size()) <= packet.size()",
          [&] { Payloader(0).wrapFrame(packet, 21, bytes("xyz"sv)); }, "wrapFrame"},
         {"packetData.size() > 4", [&] { list.consumePacket(bytes("\x02\x00\x01\x00"sv)); }, "consumePacket"},

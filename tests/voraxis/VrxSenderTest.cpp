@@ -92,7 +92,7 @@ TEST_F(SenderTest, LivesInAPrivateDirectoryGreetsReceiversAndLeavesNothingOnShut
 {
     const ProcessResources baseline = afterAWarmUpCycle();
     std::string address = m_address + "-";
-    address.resize(107, 'x'); // the longest that fits
+    address.resize(MaxSocketAddressLength, 'x'); // the longest that fits
     ASSERT_TRUE(m_sender.initializeSender(address, "", "192.168.17.4", 4660, TimeSyncProtocol::GstNetClock,
                                           NanomsgProtocol::PubSub));
     const std::string uri = channelUri();

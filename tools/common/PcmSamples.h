@@ -2,18 +2,20 @@
 
 // One PCM sample in any of the twelve wire formats, read and written as a full-scale 32-bit
 // integer or as a float: the two forms in which libsndfile reads and writes files losslessly.
+// How each format stores its samples is the library's fact (audioUtils::getSampleLayout).
 
 #include <audioutils/PcmFormat.h>
 
 #include <cstdint>
-#include <optional>
 #include <span>
-#include <string_view>
 
 namespace vrxTools {
 
 /// True for the IEEE float formats, whose samples are read and written as floats.
-bool isFloatFormat(audioUtils::PcmFormat format);
+inline bool isFloatFormat(audioUtils::PcmFormat format)
+{
+    return audioUtils::getSampleLayout(format).isFloat;
+}
 
 /// An integer sample scaled to the full signed 32-bit range, as libsndfile's int interface
 /// takes it: S16 0x1234 reads as 0x12340000, U8 0x80 as 0. Integer formats only.
@@ -29,8 +31,5 @@ void writeFloatSample(float value, audioUtils::PcmFormat format, unsigned char* 
 /// 1.0 is full scale. Trailing bytes that make no whole sample frame are ignored.
 void accumulatePeaks(std::span<const unsigned char> samples, audioUtils::PcmFormat format,
                      std::span<float> peaks);
-
-/// A format named as audioUtils::toString names it ("S16LE"), in any letter case.
-std::optional<audioUtils::PcmFormat> parsePcmFormat(std::string_view name);
 
 } // namespace vrxTools

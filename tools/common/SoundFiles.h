@@ -1,7 +1,7 @@
 #pragma once
 
-// Audio files through libsndfile: which wire format a file's samples travel in, and which file
-// format an output name asks for.
+// Audio files through libsndfile: which wire format a file's samples travel in, and in which
+// file format a stream's samples are written.
 
 #include "StreamStats.h"
 
@@ -25,17 +25,36 @@ using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
 /// (8, 16, 24 or 32 bit), F32LE for float, double and compressed files.
 audioUtils::PcmFormat wireFormatOf(const SF_INFO& info);
 
-/// The major format (SF_FORMAT_WAV, ...) libsndfile writes for the extension of `path`;
-/// 0 when it writes none.
+/// The major format (SF_FORMAT_WAV, ...) libsndfile writes for the extension of `path`
+/// ("x.flac"; ".au" alone names the extension); 0 when it writes none.
 int majorFormatForPath(const std::string& path);
 
 /// "aiff, au, ..., wav": the extensions majorFormatForPath knows.
 std::string writableExtensions();
 
-/// The full libsndfile format (major and subtype) in which to write samples of `format`: one
-/// that keeps every sample exactly where the major format has one (unsigned 16-bit samples
-/// become signed ones offset by half the range, like libsndfile's own unsigned 8-bit), else the
-/// nearest it has. 0 when the major format cannot hold this rate and channel count.
-int fileFormatFor(int majorFormat, const StreamFormat& format);
+/// A full libsndfile format (major and subtype) for a stream's samples.
+struct FileFormat
+{
+    int format = 0; ///< 0: the major format cannot hold this rate and channel count
+    bool keepsEverySample = false;
+};
+
+/// The format in which to write samples of `format` into a file of `majorFormat`: the first
+/// that keeps every sample, as it is or wider (unsigned samples become signed ones offset by
+/// half the range, as libsndfile itself does for 8 bits), else the nearest that libsndfile
+/// can write, lossy. Each candidate is tried on a file in memory, so that one libsndfile
+/// lists but cannot encode (MPEG layer I) is never chosen.
+FileFormat chooseFileFormat(int majorFormat, const StreamFormat& format);
+
+/// Why `majorFormat` is no choice for an output, or "" when it is: libsndfile cannot write
+/// it at all, or (without `lossyAccepted`) it keeps no sample of a common stream exactly.
+std::string refuseFileFormat(int majorFormat, bool lossyAccepted);
+
+/// Whether libsndfile writes `majorFormat` to a pipe, where it cannot go back to finish a
+/// header; tried on a pipe of its own.
+bool writesToPipe(int majorFormat);
+
+/// "FLAC, Signed 24 bit PCM": a full format in libsndfile's words.
+std::string describeFileFormat(int format);
 
 } // namespace vrxTools

@@ -111,7 +111,6 @@ void StreamStats::startSequence(const StreamFormat& format)
     std::lock_guard lock(m_mutex);
     m_format = format;
     ++m_sequences;
-    m_expectedTimestamp.reset();
     m_peaks.assign(format.channels, 0.0f);
 }
 
@@ -121,17 +120,18 @@ void StreamStats::restartContinuity()
     m_expectedTimestamp.reset();
 }
 
-void StreamStats::addFrame(std::uint64_t timestamp, std::uint64_t duration,
-                           std::span<const unsigned char> samples, std::uint64_t now,
-                           std::optional<std::int64_t> latency)
+std::uint64_t StreamStats::addFrame(std::uint64_t timestamp, std::uint64_t duration,
+                                    std::span<const unsigned char> samples, std::uint64_t now,
+                                    std::optional<std::int64_t> latency)
 {
     std::lock_guard lock(m_mutex);
-    if (m_expectedTimestamp)
+    std::uint64_t lost = 0;
+    if (m_expectedTimestamp && timestamp > *m_expectedTimestamp + duration / 2)
     {
-        const std::uint64_t expected = *m_expectedTimestamp;
-        const std::uint64_t distance = timestamp > expected ? timestamp - expected : expected - timestamp;
-        if (distance > duration / 2)
-            ++m_gaps;
+        lost = timestamp - *m_expectedTimestamp;
+        ++m_gaps;
+        m_lostNs += lost;
+        m_lostFrames += duration > 0 ? (lost + duration / 2) / duration : 0;
     }
     m_expectedTimestamp = timestamp + duration;
     ++m_frames;
@@ -140,6 +140,7 @@ void StreamStats::addFrame(std::uint64_t timestamp, std::uint64_t duration,
         accumulatePeaks(samples, m_format->sampleFormat, m_peaks);
     if (latency)
         m_latency.add(now, *latency);
+    return lost;
 }
 
 StreamSnapshot StreamStats::snapshot(std::uint64_t now)
@@ -150,6 +151,8 @@ StreamSnapshot StreamStats::snapshot(std::uint64_t now)
                             m_sequences,
                             m_streamNs,
                             m_gaps,
+                            m_lostNs,
+                            m_lostFrames,
                             m_peaks,
                             m_latency.lastSecond(now),
                             m_latency.wholeRun()};
@@ -185,6 +188,15 @@ std::string describeLatency(const LatencyPercentiles& latency)
 std::string describeSeconds(std::uint64_t nanoseconds)
 {
     return format("%.3f s", static_cast<double>(nanoseconds) / 1e9);
+}
+
+std::string describeGaps(const StreamSnapshot& snapshot)
+{
+    if (snapshot.gaps == 0)
+        return "none";
+    return format("%llu, %.1f ms lost (about %llu frame%s)", static_cast<unsigned long long>(snapshot.gaps),
+                  static_cast<double>(snapshot.lostNs) / 1e6,
+                  static_cast<unsigned long long>(snapshot.lostFrames), snapshot.lostFrames == 1 ? "" : "s");
 }
 
 } // namespace vrxTools

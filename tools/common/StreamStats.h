@@ -72,7 +72,9 @@ struct StreamSnapshot
     std::uint64_t sequences = 0;
     std::uint64_t streamNs = 0; ///< sum of frame durations
     std::uint64_t gaps = 0;
-    std::vector<float> peaks; ///< per channel since the previous snapshot, 1.0 = full scale
+    std::uint64_t lostNs = 0;     ///< what the gaps lost
+    std::uint64_t lostFrames = 0; ///< the same in frames, each gap's at the duration of the frame after it
+    std::vector<float> peaks;     ///< per channel since the previous snapshot, 1.0 = full scale
     LatencyPercentiles recentLatency;
     LatencyPercentiles overallLatency;
 };
@@ -85,16 +87,19 @@ public:
     /// Peak levels cost a pass over every sample; a program that shows none leaves them out.
     explicit StreamStats(bool measurePeaks) : m_measurePeaks(measurePeaks) {}
 
-    /// A sequence with this format begins: peaks are kept per channel of it, and timestamp
-    /// continuity starts afresh.
+    /// A sequence with this format begins: peaks are kept per channel of it. Timestamps stay
+    /// continuous across sequences, as a sender keeps them.
     void startSequence(const StreamFormat& format);
-    /// The connection was lost: the next frame starts continuity afresh without a gap.
+    /// The timestamps change their time base (another clock): the next frame starts
+    /// continuity afresh without a gap.
     void restartContinuity();
-    /// One frame. A frame that does not start where the previous one ended (by more than half
-    /// its duration) counts as a gap. `latency` is now - timestamp on the stream's clock, when
-    /// that clock can be read.
-    void addFrame(std::uint64_t timestamp, std::uint64_t duration, std::span<const unsigned char> samples,
-                  std::uint64_t now, std::optional<std::int64_t> latency);
+    /// One frame. A frame that starts later than the previous one ended (by more than half its
+    /// duration) follows a gap: what lies between was lost, and its length in nanoseconds is
+    /// returned (else 0). One that starts earlier restarts continuity. `latency` is now -
+    /// timestamp on the stream's clock, when that clock can be read.
+    std::uint64_t addFrame(std::uint64_t timestamp, std::uint64_t duration,
+                           std::span<const unsigned char> samples, std::uint64_t now,
+                           std::optional<std::int64_t> latency);
     /// Copies everything and restarts the peak measurement.
     StreamSnapshot snapshot(std::uint64_t now);
 
@@ -106,6 +111,8 @@ private:
     std::uint64_t m_sequences = 0;
     std::uint64_t m_streamNs = 0;
     std::uint64_t m_gaps = 0;
+    std::uint64_t m_lostNs = 0;
+    std::uint64_t m_lostFrames = 0;
     std::optional<std::uint64_t> m_expectedTimestamp;
     std::vector<float> m_peaks;
     LatencyRecord m_latency;
@@ -117,5 +124,7 @@ std::string describePeaks(const std::vector<float>& peaks);
 std::string describeLatency(const LatencyPercentiles& latency);
 /// "3.000 s"
 std::string describeSeconds(std::uint64_t nanoseconds);
+/// "none", or "2, 1012.5 ms lost (about 101 frames)"
+std::string describeGaps(const StreamSnapshot& snapshot);
 
 } // namespace vrxTools

@@ -1,8 +1,7 @@
 #include "ToolSupport.h"
 
-#include "PcmSamples.h"
-
 #include <miscutils/MiscUtils.h>
+#include <voraxis/SideChannel.h>
 
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
@@ -15,12 +14,12 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
@@ -116,6 +115,30 @@ void printNote(std::string_view message)
     statusLineShown = false;
 }
 
+std::string printable(std::string_view text)
+{
+    std::string result = "'";
+    for (const char c : text)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\')
+            result += "\\\\";
+        else if (c == '\n')
+            result += "\\n";
+        else if (c == '\t')
+            result += "\\t";
+        else if (byte < 0x20 || byte == 0x7f)
+        {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
+            result += escape;
+        }
+        else
+            result += c;
+    }
+    return result + "'";
+}
+
 StatusLine::StatusLine() : m_enabled(isatty(STDERR_FILENO) == 1)
 {}
 
@@ -127,16 +150,28 @@ bool StatusLine::due(std::uint64_t now)
     return true;
 }
 
-void StatusLine::show(const std::string& text)
+void StatusLine::show(const std::vector<std::string>& fields)
 {
     if (!m_enabled)
         return;
-    std::size_t width = 200;
+    // One column less than the terminal has: a character in the last one may wrap the line.
+    std::size_t width = 79;
     winsize size{};
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1)
         width = size.ws_col - 1u;
+    // Whole fields from the left: a cut one (a level meter without its channels) misleads.
+    std::string text;
+    for (const std::string& field : fields)
+    {
+        const std::string joined = text.empty() ? field : text + " | " + field;
+        if (joined.size() > width)
+            break;
+        text = joined;
+    }
+    if (text.empty() && !fields.empty())
+        text = fields.front().substr(0, width);
     std::lock_guard lock(terminalMutex);
-    writeToStderr(eraseLine + text.substr(0, width));
+    writeToStderr(eraseLine + text);
     statusLineShown = true;
 }
 
@@ -150,10 +185,10 @@ void StatusLine::clear()
 
 // ---- Command line -----------------------------------------------------------------------
 
-void addLoggingOptions(CLI::App& app, LoggingOptions& options)
+void addCommonOptions(CLI::App& app, CommonOptions& options)
 {
-    options.levelOption =
-        app.add_option("--log-level", options.level,
+    options.logLevelOption =
+        app.add_option("--log-level", options.logLevel,
                        "Level of the library's log records on stderr: trace, debug, info, warn or error "
                        "(default warn). Example: --log-level debug")
             ->type_name("LEVEL")
@@ -163,39 +198,44 @@ void addLoggingOptions(CLI::App& app, LoggingOptions& options)
                                    [](unsigned char c) { return std::tolower(c); });
                     if (std::find(std::begin(logLevels), std::end(logLevels), level) != std::end(logLevels))
                         return {};
-                    return "must be trace, debug, info, warn or error, not '" + level + "'";
+                    return "must be trace, debug, info, warn or error, not " + printable(level);
                 },
                 ""));
-    app.add_option("--log-config", options.configFile,
+    app.add_option("--log-config", options.logConfigFile,
                    "log4cplus properties file configuring the library's logger \"Voraxis\" (appenders, "
                    "layouts, levels). Example: --log-config log4cplus.properties")
         ->type_name("FILE")
         ->check(CLI::Validator(
             [](std::string& path) -> std::string {
-                return access(path.c_str(), R_OK) == 0 ? "" : "cannot read '" + path + "'";
+                return access(path.c_str(), R_OK) == 0 ? "" : "cannot read " + printable(path);
             },
             ""));
+    app.set_version_flag("--version", programName() + " " + VRX_VERSION,
+                         "Print the program's name and version, then exit.");
+}
+
+CLI::Validator addressLength()
+{
+    // The library would silently cut a longer name.
+    return CLI::Validator(
+        [](std::string& value) -> std::string {
+            if (value.size() <= vrx::MaxSocketAddressLength)
+                return {};
+            return "too long (" + std::to_string(value.size()) +
+                   " bytes); a sender's address is an abstract Unix socket name of at most " +
+                   std::to_string(vrx::MaxSocketAddressLength) + " bytes";
+        },
+        "");
 }
 
 CLI::Option* addAddressArgument(CLI::App& app, std::string& address, const std::string& description)
 {
-    // The same bound as the sockets' own: sun_path less the leading 0 byte of the abstract
-    // namespace. The library would silently cut a longer name.
-    constexpr std::size_t maxLength = 107;
     return app.add_option("ADDRESS", address, description)
         ->required()
         ->type_name("")
         ->check(CLI::Validator(
-            [](std::string& value) -> std::string {
-                if (value.empty())
-                    return "must not be empty";
-                if (value.size() > maxLength)
-                    return "too long (" + std::to_string(value.size()) +
-                           " bytes); a sender's address is an abstract Unix socket name of at most " +
-                           std::to_string(maxLength) + " bytes";
-                return {};
-            },
-            ""));
+            [](std::string& value) -> std::string { return value.empty() ? "must not be empty" : ""; }, ""))
+        ->check(addressLength());
 }
 
 CLI::Option* addFormatOption(CLI::App& app, const std::string& name, audioUtils::PcmFormat& format,
@@ -203,17 +243,19 @@ CLI::Option* addFormatOption(CLI::App& app, const std::string& name, audioUtils:
 {
     return app
         .add_option_function<std::string>(
-            name, [&format](const std::string& value) { format = *parsePcmFormat(value); }, description)
+            name, [&format](const std::string& value) { format = *audioUtils::toPcmFormat(value); },
+            description)
         ->type_name("FORMAT")
         ->check(CLI::Validator(
             [](std::string& value) -> std::string {
-                if (parsePcmFormat(value))
+                if (audioUtils::toPcmFormat(value))
                     return {};
                 std::string known;
                 for (std::uint32_t i = 0; i < audioUtils::PcmFormatCount; ++i)
                     known += std::string(i == 0 ? "" : ", ") +
                              audioUtils::toString(static_cast<audioUtils::PcmFormat>(i));
-                return "unknown sample format '" + value + "' (known: " + known + ")";
+                return "unknown sample format " + printable(value) + " (known: " + known +
+                       ", or ALSA's names such as S16_LE)";
             },
             ""));
 }
@@ -229,7 +271,7 @@ CLI::Validator wholeNumberIn(unsigned long low, unsigned long high)
                 number <= high)
                 return {};
             return "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
-                   ", not '" + value + "'";
+                   ", not " + printable(value);
         },
         "");
 }
@@ -242,7 +284,7 @@ CLI::Validator positiveNumber()
             const double number = std::strtod(value.c_str(), &end);
             if (!value.empty() && *end == '\0' && number > 0 && number < 1e9)
                 return {};
-            return "must be a positive number, not '" + value + "'";
+            return "must be a positive number, not " + printable(value);
         },
         "");
 }
@@ -260,6 +302,11 @@ int parseCommandLine(CLI::App& app, int argc, char** argv)
         std::cout << app.help();
         return 0;
     }
+    catch (const CLI::CallForVersion& version)
+    {
+        std::cout << version.what() << "\n";
+        return 0;
+    }
     catch (const CLI::ParseError& error)
     {
         printNote(std::string(error.what()) + " (see --help)");
@@ -269,14 +316,14 @@ int parseCommandLine(CLI::App& app, int argc, char** argv)
 
 // ---- Set-up -----------------------------------------------------------------------------
 
-void configureLogging(const LoggingOptions& options)
+void configureLogging(const CommonOptions& options)
 {
     log4cplus::Logger library = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
-    if (!options.configFile.empty())
+    if (!options.logConfigFile.empty())
     {
-        log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(options.configFile));
-        if (options.levelOption != nullptr && options.levelOption->count() > 0)
-            library.setLogLevel(toLog4cplusLevel(options.level));
+        log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(options.logConfigFile));
+        if (options.logLevelOption != nullptr && options.logLevelOption->count() > 0)
+            library.setLogLevel(toLog4cplusLevel(options.logLevel));
         return;
     }
     // On a terminal with a status line, a record first erases the line it would run into.
@@ -288,19 +335,13 @@ void configureLogging(const LoggingOptions& options)
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();
     root.addAppender(appender);
-    root.setLogLevel(toLog4cplusLevel(options.level));
-    library.setLogLevel(toLog4cplusLevel(options.level));
-}
-
-std::string senderParentDirectory()
-{
-    const char* directory = std::getenv("TMPDIR");
-    return directory != nullptr ? directory : "/tmp/vrx";
+    root.setLogLevel(toLog4cplusLevel(options.logLevel));
+    library.setLogLevel(toLog4cplusLevel(options.logLevel));
 }
 
 bool ensureSenderParentDirectory()
 {
-    const std::string directory = senderParentDirectory();
+    const std::string directory = vrx::getSenderParentDirectory();
     if (directory.empty())
     {
         printNote("TMPDIR is set but empty; set it to the directory in which senders appear");
@@ -312,20 +353,20 @@ bool ensureSenderParentDirectory()
     {
         if (S_ISDIR(status.st_mode))
             return true;
-        printNote(directory + " is not a directory; senders appear in the directory TMPDIR names");
+        printNote(printable(directory) + " is not a directory; senders appear in the directory TMPDIR names");
         return false;
     }
     if (errno == ENOENT && mkdir(directory.c_str(), 01777) == 0)
     {
         // The umask narrows mkdir's mode; every user's senders and receivers meet here.
         chmod(directory.c_str(), 01777);
-        printNote("created " + directory +
+        printNote("created " + printable(directory) +
                   " (mode 1777, like /tmp), where senders appear and receivers look");
         return true;
     }
     if (errno == EEXIST)
         return true; // made by another program just now
-    printNote("cannot create " + directory + ": " + miscUtils::strerror_r_safe(errno));
+    printNote("cannot create " + printable(directory) + ": " + miscUtils::strerror_r_safe(errno));
     return false;
 }
 
@@ -334,12 +375,8 @@ int connectAbstractSocket(const std::string& address)
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
-    // Abstract namespace: a leading 0 byte, then the name without a terminator.
-    sockaddr_un socketAddress{};
-    socketAddress.sun_family = AF_UNIX;
-    const std::size_t length = std::min(address.size(), sizeof(socketAddress.sun_path) - 1);
-    std::copy_n(address.begin(), length, socketAddress.sun_path + 1);
-    const auto addressLength = static_cast<socklen_t>(sizeof(socketAddress.sun_family) + 1 + length);
+    sockaddr_un socketAddress;
+    const socklen_t addressLength = vrx::makeAbstractSocketAddress(address, socketAddress);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&socketAddress), addressLength) == 0)
         return fd;
     const int error = errno;
@@ -354,6 +391,7 @@ SignalDescriptor::SignalDescriptor()
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     m_fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vrxTools {
 
@@ -31,6 +32,10 @@ const std::string& programName();
 /// line is shown. Safe from any thread.
 void printNote(std::string_view message);
 
+/// `text` in single quotes, with control characters and backslashes escaped (\n, \x1b, \\),
+/// so that an address or a path from the command line cannot break a line or move the cursor.
+std::string printable(std::string_view text);
+
 /// The one-line live status on stderr, redrawn in place with '\r'. Only when stderr is a
 /// terminal: otherwise every call does nothing, so that logs and pipes stay clean.
 class StatusLine
@@ -40,8 +45,9 @@ public:
     bool enabled() const { return m_enabled; }
     /// True at most four times a second: whether to build and show a new line now.
     bool due(std::uint64_t now);
-    /// Replaces the line, cut to the terminal's width so that it never wraps.
-    void show(const std::string& text);
+    /// Replaces the line with the fields joined by " | ", as many from the left as fit the
+    /// terminal's width (80 columns when it does not say) without wrapping.
+    void show(const std::vector<std::string>& fields);
     /// Removes the line before the program prints its last words.
     void clear();
 
@@ -52,21 +58,24 @@ private:
 
 // ---- Command line -----------------------------------------------------------------------
 
-struct LoggingOptions
+/// The options every tool has.
+struct CommonOptions
 {
-    std::string level = "warn";
-    std::string configFile;
-    CLI::Option* levelOption = nullptr;
+    std::string logLevel = "warn";
+    std::string logConfigFile;
+    CLI::Option* logLevelOption = nullptr;
 };
 
-/// --log-level and --log-config.
-void addLoggingOptions(CLI::App& app, LoggingOptions& options);
+/// --log-level, --log-config and --version (which prints "<program> <project version>").
+void addCommonOptions(CLI::App& app, CommonOptions& options);
 
 /// The positional ADDRESS: the sender's sidechannel address, an abstract Unix socket name of
-/// 1 to 107 bytes.
+/// 1 to vrx::MaxSocketAddressLength bytes.
 CLI::Option* addAddressArgument(CLI::App& app, std::string& address, const std::string& description);
+/// The same check for an optional address, which may be empty.
+CLI::Validator addressLength();
 
-/// An option taking a sample format name such as S16LE, in any letter case.
+/// An option taking a sample format name such as S16LE or ALSA's S16_LE, in any letter case.
 CLI::Option* addFormatOption(CLI::App& app, const std::string& name, audioUtils::PcmFormat& format,
                              const std::string& description);
 
@@ -76,7 +85,7 @@ CLI::Validator wholeNumberIn(unsigned long low, unsigned long high);
 CLI::Validator positiveNumber();
 
 /// Parses the command line. Returns -1 when the program goes on, else its exit code: 0 after
-/// printing --help, 2 after printing a one-line error.
+/// printing --help or --version, 2 after printing a one-line error.
 int parseCommandLine(CLI::App& app, int argc, char** argv);
 
 // ---- Set-up -----------------------------------------------------------------------------
@@ -84,12 +93,9 @@ int parseCommandLine(CLI::App& app, int argc, char** argv);
 /// Configures log4cplus, through which the library logs under the logger "Voraxis": from the
 /// properties file when one is given (with --log-level, when given too, applied to "Voraxis"
 /// afterwards), else one-line records on stderr at the chosen level.
-void configureLogging(const LoggingOptions& options);
+void configureLogging(const CommonOptions& options);
 
-/// $TMPDIR (default /tmp/vrx): where senders create their directories and receivers watch.
-std::string senderParentDirectory();
-
-/// Creates senderParentDirectory() when it is missing, with mode 1777 like /tmp so that
+/// Creates vrx::getSenderParentDirectory() when it is missing, with mode 1777 like /tmp so that
 /// producers and consumers of different users meet there, and says so. False, after a
 /// message, when it is missing and cannot be made.
 bool ensureSenderParentDirectory();
@@ -98,10 +104,11 @@ bool ensureSenderParentDirectory();
 /// listens), or -1 with errno set.
 int connectAbstractSocket(const std::string& address);
 
-/// SIGINT and SIGTERM delivered through a descriptor instead of a handler. Construct it first
-/// in main: it blocks both signals in the calling thread, so every thread started afterwards
-/// (the library's too) inherits the mask and only the descriptor sees them. SIGPIPE is
-/// ignored, so that writing to a closed pipe fails with EPIPE instead of killing the program.
+/// SIGINT, SIGTERM and SIGHUP (a closed terminal or ssh session) delivered through a
+/// descriptor instead of a handler. Construct it first in main: it blocks them in the calling
+/// thread, so every thread started afterwards (the library's too) inherits the mask and only
+/// the descriptor sees them. SIGPIPE is ignored, so that writing to a closed pipe fails with
+/// EPIPE instead of killing the program.
 class SignalDescriptor
 {
 public:

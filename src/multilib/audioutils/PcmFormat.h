@@ -3,6 +3,8 @@
 #include <miscutils/Export.h>
 
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 namespace audioUtils {
 
@@ -30,7 +32,24 @@ inline constexpr std::uint32_t PcmFormatCount = 12;
 /// Short name such as "S16LE"; "unknown" for a value outside the enumeration.
 VRX_EXPORT const char* toString(PcmFormat format);
 
+/// The format a name stands for: the short name of toString, or the name ALSA's tools (aplay,
+/// arecord) give it ("S16_LE", "S24_3BE", "FLOAT_LE"), in any letter case. nullopt for any other
+/// name; ALSA's "S24_LE" (24 bits in 4 bytes) is none of these formats.
+VRX_EXPORT std::optional<PcmFormat> toPcmFormat(std::string_view name);
+
 /// Bytes one sample of one channel occupies; 0 for a value outside the enumeration.
 VRX_EXPORT unsigned int getBytesPerSample(PcmFormat format);
+
+/// How one sample is stored, for code that converts samples.
+struct PcmSampleLayout
+{
+    unsigned int bytesPerSample = 0;
+    bool isFloat = false;    ///< IEEE 754; otherwise an integer
+    bool isUnsigned = false; ///< an integer in offset binary: silence is half the range
+    bool isBigEndian = false;
+};
+
+/// The layout of `format`; all zero for a value outside the enumeration.
+VRX_EXPORT PcmSampleLayout getSampleLayout(PcmFormat format);
 
 } // namespace audioUtils

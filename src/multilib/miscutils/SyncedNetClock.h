@@ -27,6 +27,11 @@ public:
     /// Without a valid reply for this long, a synchronised clock declares the synchronisation
     /// lost (and calls back).
     static constexpr std::chrono::milliseconds LossTimeout{3000};
+    /// What a receiver starts its clock with, and what fits a server on this host or nearby:
+    /// a burst every 100 ms while synchronised, and exchanges whose round trip took longer
+    /// than 175 ms left out.
+    static constexpr unsigned int DefaultPollIntervalMs = 100;
+    static constexpr unsigned long long DefaultMaxRoundTripNs = 175'000'000;
 
     /// An idle clock: no thread, no socket; it reads the local monotonic clock.
     SyncedNetClock();

@@ -4,6 +4,8 @@
 #include "voraxis/LittleEndian.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 
 namespace vrx {
 
@@ -104,12 +106,20 @@ Buffer produceInitialInfoPacket(const InitialInfo& initialInfo)
     return packet;
 }
 
-InitialInfo parseInitialInfoPacket(const ByteSpan& packetData)
+std::optional<InitialInfo> tryParseInitialInfoPacket(const ByteSpan& packetData)
 {
     InitialInfo initialInfo;
-    const bool ok = parseFields(packetData, initialInfo);
-    MISCUTILS_ASSERT(ok);
+    if (!parseFields(packetData, initialInfo))
+        return std::nullopt;
     return initialInfo;
+}
+
+InitialInfo parseInitialInfoPacket(const ByteSpan& packetData)
+{
+    std::optional<InitialInfo> initialInfo = tryParseInitialInfoPacket(packetData);
+    const bool ok = initialInfo.has_value();
+    MISCUTILS_ASSERT(ok);
+    return std::move(*initialInfo);
 }
 
 SidechannelMessageSize produceSidechannelMessageSize(std::uint32_t payloadSize)
@@ -122,6 +132,21 @@ SidechannelMessageSize produceSidechannelMessageSize(std::uint32_t payloadSize)
 std::uint32_t parseSidechannelMessageSize(const SidechannelMessageSize& sizeBytes)
 {
     return detail::readLittleEndian<std::uint32_t>(sizeBytes.data());
+}
+
+std::string getSenderParentDirectory()
+{
+    const char* directory = std::getenv("TMPDIR");
+    return directory != nullptr ? directory : "/tmp/vrx";
+}
+
+socklen_t makeAbstractSocketAddress(const std::string& name, sockaddr_un& address)
+{
+    address = sockaddr_un{};
+    address.sun_family = AF_UNIX;
+    const std::size_t length = std::min(name.size(), MaxSocketAddressLength);
+    std::copy_n(name.begin(), length, address.sun_path + 1);
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length);
 }
 
 } // namespace vrx

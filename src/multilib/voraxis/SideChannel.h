@@ -2,8 +2,12 @@
 
 #include <miscutils/Export.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -61,10 +65,28 @@ VRX_EXPORT Buffer produceInitialInfoPacket(const InitialInfo& initialInfo);
 /// (the peer is a sender of another protocol) and stops the process.
 VRX_EXPORT InitialInfo parseInitialInfoPacket(const ByteSpan& packetData);
 
+/// Parses like parseInitialInfoPacket, but a malformed packet gives nullopt: for programs that
+/// ask whatever answers at an address whether it is a sender at all.
+VRX_EXPORT std::optional<InitialInfo> tryParseInitialInfoPacket(const ByteSpan& packetData);
+
 /// Every sidechannel message is preceded by its payload length as 4 little-endian bytes.
 using SidechannelMessageSize = std::array<unsigned char, 4>;
 
 VRX_EXPORT SidechannelMessageSize produceSidechannelMessageSize(std::uint32_t payloadSize);
 VRX_EXPORT std::uint32_t parseSidechannelMessageSize(const SidechannelMessageSize& sizeBytes);
+
+/// Where a receiver finds its sender: senders make their directories in this one and receivers
+/// watch it. $TMPDIR when it is set (an empty value too, as given), else "/tmp/vrx"; the
+/// environment is read at each call.
+VRX_EXPORT std::string getSenderParentDirectory();
+
+/// Longest sidechannel address in bytes (107): an abstract Unix socket name fills sun_path
+/// behind its leading 0 byte. Sender and receiver use the first this many bytes of a longer one.
+inline constexpr std::size_t MaxSocketAddressLength = sizeof(sockaddr_un::sun_path) - 1;
+
+/// Fills `address` with the abstract Unix socket address of the sidechannel address `name`
+/// (a 0 byte, then at most MaxSocketAddressLength bytes of the name, without terminator) and
+/// returns the length to give bind() or connect().
+VRX_EXPORT socklen_t makeAbstractSocketAddress(const std::string& name, sockaddr_un& address);
 
 } // namespace vrx

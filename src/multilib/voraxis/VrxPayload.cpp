@@ -70,6 +70,12 @@ std::uint16_t parsePacketSequenceNr(const ByteSpan& packetData)
     return detail::readLittleEndian<std::uint16_t>(packetData.data() + 2);
 }
 
+std::uint32_t parseSequenceInfoFourcc(const ByteSpan& packetData)
+{
+    MISCUTILS_ASSERT(packetData.size() >= 8);
+    return detail::readLittleEndian<std::uint32_t>(packetData.data() + packetHeaderSize);
+}
+
 void produceSequenceInfoPacket(Buffer& packet, unsigned int fourcc, const ByteSpan& codecHeader,
                                unsigned short sequenceNr)
 {
@@ -197,7 +203,7 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeSequenceInfoPacket
         return ConsumePacketRetcode::Error;
     }
 
-    const auto fourcc = detail::readLittleEndian<std::uint32_t>(packetData.data() + packetHeaderSize);
+    const std::uint32_t fourcc = parseSequenceInfoFourcc(packetData);
     LOG4CPLUS_DEBUG(logger, "Consumed SequenceInfo packet; looking for payloader with FourCC \""
                                 << fourccToString(fourcc) << "\"");
 

@@ -34,6 +34,9 @@ VRX_EXPORT PacketType parsePacketType(const ByteSpan& packetData);
 /// Sequence number (bytes 2 and 3) of a stream packet of at least 4 bytes.
 VRX_EXPORT std::uint16_t parsePacketSequenceNr(const ByteSpan& packetData);
 
+/// FourCC (bytes 4 to 7, little-endian) of a SequenceInfo packet of at least 8 bytes.
+VRX_EXPORT std::uint32_t parseSequenceInfoFourcc(const ByteSpan& packetData);
+
 /// Overwrites `packet` with a SequenceInfo packet, reusing its capacity.
 VRX_EXPORT void produceSequenceInfoPacket(Buffer& packet, unsigned int fourcc, const ByteSpan& codecHeader,
                                           unsigned short sequenceNr);

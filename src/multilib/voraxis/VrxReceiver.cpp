@@ -3,7 +3,6 @@
 #include "miscutils/Assert.h"
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
-#include "voraxis/AbstractAddress.h"
 #include "voraxis/LittleEndian.h"
 
 #include <log4cplus/logger.h>
@@ -49,21 +48,11 @@ constexpr auto quickRetryPeriod = 100ms;
 constexpr auto firstBackOff = 10ms;
 constexpr int inputPollSliceMs = 50;
 
-constexpr unsigned int timeSyncPollIntervalMs = 100;
-constexpr unsigned long long timeSyncMaxRoundTripNs = 175000000;
-
 constexpr std::string_view ipcScheme = "ipc://";
 constexpr std::string_view senderDirectoryPrefix = "VrxSender-";
 constexpr int fsMonitorPollMs = 5000;
 // One event header and room for a name.
 constexpr std::size_t inotifyBufferSize = sizeof(inotify_event) + 256;
-
-// The directory in which senders create theirs; read at each use, as a sender does.
-std::string senderParentDirectory()
-{
-    const char* directory = std::getenv("TMPDIR");
-    return directory != nullptr ? directory : "/tmp/vrx";
-}
 
 int toPollTimeout(std::chrono::steady_clock::duration duration)
 {
@@ -464,8 +453,9 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
     }
     LOG4CPLUS_TRACE(logger, "Attempting to connect sidechannel");
 
-    const detail::AbstractSocketAddress address(m_socketAddress);
-    if (connect(m_sideChannelSocketFD, address.get(), address.size()) == 0)
+    sockaddr_un address;
+    if (connect(m_sideChannelSocketFD, reinterpret_cast<const sockaddr*>(&address),
+                makeAbstractSocketAddress(m_socketAddress, address)) == 0)
     {
         LOG4CPLUS_DEBUG(logger, "Sidechannel connected with FD " << m_sideChannelSocketFD);
         guard.dismiss();
@@ -1068,7 +1058,8 @@ void Receiver::startTimeSynchronization()
     }
     LOG4CPLUS_DEBUG(logger, "VRX time sync port is nonzero; starting time synchronization");
     m_syncedNetClock.startSynchronization(m_initialInfo.timeSyncIPAddress, m_initialInfo.timeSyncPort,
-                                          timeSyncPollIntervalMs, timeSyncMaxRoundTripNs,
+                                          miscUtils::SyncedNetClock::DefaultPollIntervalMs,
+                                          miscUtils::SyncedNetClock::DefaultMaxRoundTripNs,
                                           [this] { onClockSyncStateChange(); });
 }
 
@@ -1148,7 +1139,7 @@ void Receiver::startFsMonitorThread()
     LOG4CPLUS_DEBUG(logger, "void vrx::Receiver::startFsMonitorThread()");
     // The watch comes before the scan, so that a sender appearing meanwhile is not missed.
     m_inotifyFD.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    const std::string directory = senderParentDirectory();
+    const std::string directory = getSenderParentDirectory();
     m_inotifyWatchDescriptor = inotify_add_watch(m_inotifyFD, directory.c_str(), IN_CREATE | IN_EXCL_UNLINK);
     if (m_inotifyWatchDescriptor < 0)
     {

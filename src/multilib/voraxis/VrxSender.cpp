@@ -3,7 +3,6 @@
 #include "miscutils/Assert.h"
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
-#include "voraxis/AbstractAddress.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -65,11 +64,11 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
                               TimeSyncProtocol timeSyncProtocol, NanomsgProtocol nanomsgProtocol)
 {
     // Advisory only: set-up carries on, and the bind uses as much of the name as fits.
-    if (socketAddress.size() > detail::maxSocketAddressLength)
+    if (socketAddress.size() > MaxSocketAddressLength)
         LOG4CPLUS_ERROR(logger, "Cannot set up sender since the Unix domain socket address is too long "
                                 "(max allowed length: "
-                                    << detail::maxSocketAddressLength
-                                    << " actual length: " << socketAddress.size() << ")");
+                                    << MaxSocketAddressLength << " actual length: " << socketAddress.size()
+                                    << ")");
 
     std::lock_guard lock(m_mutex);
     if (m_initialized)
@@ -98,9 +97,7 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
     }
 
     // The parent directory is the receivers' to watch; it is not created here.
-    const char* parentDirectory = std::getenv("TMPDIR");
-    std::string directoryTemplate =
-        std::string(parentDirectory != nullptr ? parentDirectory : "/tmp/vrx") + "/VrxSender-XXXXXX";
+    std::string directoryTemplate = getSenderParentDirectory() + "/VrxSender-XXXXXX";
     if (mkdtemp(directoryTemplate.data()) == nullptr)
     {
         const int error = errno;
@@ -229,17 +226,18 @@ bool Sender::setupListener()
         return false;
     }
 
-    const detail::AbstractSocketAddress address(m_socketAddress);
-    if (bind(m_listenerSocketFD, address.get(), address.size()) < 0)
+    sockaddr_un address;
+    if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address),
+             makeAbstractSocketAddress(m_socketAddress, address)) < 0)
     {
         const int error = errno;
         LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{error});
         if (m_alternativeSocketAddress.empty())
             return false;
 
-        const detail::AbstractSocketAddress alternative(m_alternativeSocketAddress);
         LOG4CPLUS_DEBUG(logger, "Binding to alternative address " << m_alternativeSocketAddress);
-        if (bind(m_listenerSocketFD, alternative.get(), alternative.size()) < 0)
+        if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address),
+                 makeAbstractSocketAddress(m_alternativeSocketAddress, address)) < 0)
         {
             const int alternativeError = errno;
             LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{alternativeError});

@@ -10,7 +10,9 @@
 #                                 and UndefinedBehaviorSanitizer) or tsan (ThreadSanitizer)
 #   scripts/dev.sh package        build and install as a packager does (-DBUILD_TESTING=OFF)
 #                                 into a staging directory, checking that no test dependency
-#                                 was looked up and that no test target was made
+#                                 was looked up and that no test target was made; and that a
+#                                 configuration without the GStreamer plugin looks GStreamer up
+#                                 nowhere, as on a machine without its development packages
 #   scripts/dev.sh bench          setup, build and run the benchmarks in bench/
 #   scripts/dev.sh fuzz [SECONDS] setup, build the libFuzzer targets of tests/fuzz/ with clang under
 #                                 Address- and UndefinedBehaviorSanitizer (in build-fuzz/) and run
@@ -25,7 +27,8 @@ packages=(
     build-essential cmake ninja-build pkg-config binutils
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    libgstreamer1.0-dev
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-tools
     libsndfile1-dev libcli11-dev nlohmann-json3-dev sox
     clang libclang-rt-14-dev
 )
@@ -71,15 +74,27 @@ package() {
     local dir=$root/build-package
     rm -rf "$dir"
     build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DVRX_WARNINGS_AS_ERRORS=ON
-    if grep -n -i -E 'gtest|gmock|gstreamer' "$dir/CMakeCache.txt"; then
+    if grep -n -i -E 'gtest|gmock|gstreamer-(check|net)' "$dir/CMakeCache.txt"; then
         echo "package: a build without tests looked up a test dependency (above)" >&2
         exit 1
     fi
+    local without_gst=$root/build-package-nogst
+    rm -rf "$without_gst"
+    cmake -S "$root" -B "$without_gst" -G Ninja -DBUILD_TESTING=OFF -DVRX_BUILD_GST_PLUGIN=OFF >/dev/null
+    if grep -n -E 'gstreamer-1\.0|libgst' "$without_gst/CMakeCache.txt"; then
+        echo "package: a configuration without the GStreamer plugin looked GStreamer up (above)" >&2
+        exit 1
+    fi
+    rm -rf "$without_gst"
     if cmake --build "$dir" --target help | grep -E '(^|[^[:alnum:]_])test([^[:alnum:]]|$)|_tests?:'; then
         echo "package: a build without tests has test targets (above)" >&2
         exit 1
     fi
     DESTDIR="$dir/stage" cmake --install "$dir" --prefix /usr/local >/dev/null
+    if ! find "$dir/stage/usr/local" -path "*/gstreamer-1.0/libgstvoraxis.so" | grep -q .; then
+        echo "package: the GStreamer plugin was not installed under the prefix" >&2
+        exit 1
+    fi
     echo "package: installed into $dir/stage without any test dependency"
 }
 

@@ -3,7 +3,8 @@
 #
 #   scripts/dev.sh setup          install the Debian packages the project needs (as root)
 #   scripts/dev.sh demo           setup, build, then stream a tone from vrx-send to vrx-recv for
-#                                 three seconds into build/demo.wav and show what arrived
+#                                 three seconds into build/demo.wav and show what arrived, then
+#                                 to a GStreamer pipeline (vrxsrc) into build/demo-gst.wav
 #   scripts/dev.sh examples       setup, build, run the example programs in examples/
 #   scripts/dev.sh test [CONFIG]  setup, build, run the whole test suite with CTest
 #                                 CONFIG: plain (default, warnings as errors), asan (Address-
@@ -114,6 +115,15 @@ demo() {
     echo
     echo "== A receiver: vrx-recv --duration 3 --out build/demo.wav $address"
     "$bin/vrx-recv" --duration 3 --out "$wav" "$address"
+    if [ -e "$root/build/src/gst/libgstvoraxis.so" ]; then
+        echo
+        echo "== A GStreamer pipeline as a consumer of the same stream, for 200 frames (2 s):"
+        echo "   GST_PLUGIN_PATH=build/src/gst gst-launch-1.0 vrxsrc address=$address num-buffers=200 ! \\"
+        echo "       audioconvert ! wavenc ! filesink location=build/demo-gst.wav"
+        GST_PLUGIN_PATH=$root/build/src/gst gst-launch-1.0 vrxsrc address="$address" num-buffers=200 ! \
+            audioconvert ! wavenc ! filesink location="$root/build/demo-gst.wav" 2>&1 | sed 's/^/   /'
+        echo "   build/demo-gst.wav: $(stat -c %s "$root/build/demo-gst.wav") bytes"
+    fi
     kill -INT "$sender"
     wait "$sender"
     trap - EXIT
@@ -194,7 +204,7 @@ case "${1:-}" in
         for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
         ;;
     *)
-        sed -n '2,18p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        sed -n '2,/^set -euo pipefail/{/^#/p}' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
         exit 2
         ;;
 esac

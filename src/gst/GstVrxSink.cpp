@@ -242,12 +242,12 @@ GstFlowReturn render(GstBaseSink* base, GstBuffer* buffer)
     const GstClockTime running = gst_segment_to_running_time(&base->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
     GST_OBJECT_UNLOCK(base);
 
-    // The buffer's clock time; without a timestamp (or a clock), the time it is rendered.
-    TimeValue timestamp = 0;
-    const GstClockTime baseTime = gst_element_get_base_time(GST_ELEMENT(base));
-    if (GST_CLOCK_TIME_IS_VALID(running) && GST_CLOCK_TIME_IS_VALID(baseTime))
-        timestamp = vrxGst::pipelineToStreamTime(GST_ELEMENT(base), streamClock, running + baseTime);
-    else
+    // The buffer's clock time; without a timestamp or a pipeline clock, the time it is rendered.
+    GstClockTime timestamp = GST_CLOCK_TIME_NONE;
+    if (GST_CLOCK_TIME_IS_VALID(running))
+        timestamp = vrxGst::pipelineToStreamTime(GST_ELEMENT(base), streamClock,
+                                                 running + gst_element_get_base_time(GST_ELEMENT(base)));
+    if (!GST_CLOCK_TIME_IS_VALID(timestamp))
         timestamp = gst_clock_get_time(streamClock);
     gst_object_unref(streamClock);
 

@@ -18,8 +18,9 @@
 // Threads: the sender is set up on the thread that takes the element from READY to PAUSED
 // (start), which also waits, up to 5 s, until the network clock is synchronised. Caps and
 // frames go out on the streaming thread, the sender's one producer thread. Over pipeline a
-// frame waits until the receiver takes it; a flush or a state change towards NULL (unlock)
-// releases that wait, and the frame is dropped.
+// frame waits until the receiver takes it; a flush or a state change out of PLAYING (unlock)
+// releases that wait, and the frame is dropped. At the end of the stream the sender stays open
+// 200 ms for receivers to take the last frames.
 //
 // Failure: no address, a bad time-server, a time server that does not answer, or a sender that
 // cannot start (its addresses are taken) fail the state change with an element error. A frame

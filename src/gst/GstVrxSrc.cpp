@@ -286,7 +286,7 @@ bool stampFrame(GstVrxSrc* src, const Item& item, bool discont)
     const GstClockTime clockTime = vrxGst::streamToPipelineTime(GST_ELEMENT(src), streamClock, item.timestamp);
     gst_object_unref(streamClock);
     const GstClockTime baseTime = gst_element_get_base_time(GST_ELEMENT(src));
-    if (clockTime < baseTime)
+    if (GST_CLOCK_TIME_IS_VALID(clockTime) && clockTime < baseTime)
         return false;
 
     // A gap: more than half a sample away from where the last frame ended.
@@ -296,7 +296,7 @@ bool stampFrame(GstVrxSrc* src, const Item& item, bool discont)
         discont = true;
     state.expected = item.timestamp + item.duration;
 
-    GST_BUFFER_PTS(item.buffer) = clockTime - baseTime;
+    GST_BUFFER_PTS(item.buffer) = GST_CLOCK_TIME_IS_VALID(clockTime) ? clockTime - baseTime : GST_CLOCK_TIME_NONE;
     GST_BUFFER_DURATION(item.buffer) = item.duration;
     if (discont)
         GST_BUFFER_FLAG_SET(item.buffer, GST_BUFFER_FLAG_DISCONT);

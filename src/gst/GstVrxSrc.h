@@ -6,7 +6,8 @@
 // as one buffer: PTS from the frame's timestamp, DURATION from its duration, DISCONT on the
 // first buffer after a gap in the timestamps, a reconnection or a frame dropped here. Caps come
 // from the current sequence; a new sequence renegotiates. Latency: one frame's duration at
-// least, plus what the hand-over queue holds at most.
+// least, plus what the hand-over queue holds at most. Without a pipeline clock buffers carry
+// no PTS.
 //
 // Clock: the element provides the stream clock as vrxsink does: the host's monotonic clock for
 // "sysclock" streams, or for a stream on a network clock a clock that reads the receiver's

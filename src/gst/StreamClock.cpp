@@ -80,7 +80,7 @@ GstClockTime pipelineToStreamTime(GstElement* element, GstClock* streamClock, Gs
 {
     GstClock* pipelineClock = gst_element_get_clock(element);
     if (pipelineClock == nullptr)
-        return clockTime;
+        return GST_CLOCK_TIME_NONE;
     const GstClockTimeDiff offset = pipelineClock == streamClock ? 0 : clockOffset(pipelineClock, streamClock);
     gst_object_unref(pipelineClock);
     return shifted(clockTime, offset);
@@ -90,7 +90,7 @@ GstClockTime streamToPipelineTime(GstElement* element, GstClock* streamClock, Gs
 {
     GstClock* pipelineClock = gst_element_get_clock(element);
     if (pipelineClock == nullptr)
-        return streamTime;
+        return GST_CLOCK_TIME_NONE;
     const GstClockTimeDiff offset = pipelineClock == streamClock ? 0 : clockOffset(streamClock, pipelineClock);
     gst_object_unref(pipelineClock);
     return shifted(streamTime, offset);

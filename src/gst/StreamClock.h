@@ -22,8 +22,8 @@ GstClock* newStreamClock(const char* name, std::function<miscUtils::TimeValue()>
 GstClock* newMonotonicClock(const char* name);
 
 /// The time on `streamClock` that corresponds to `clockTime` on the pipeline clock of
-/// `element`: the same value when the pipeline runs on `streamClock` (or on no clock), else
-/// shifted by the difference of the two clocks' readings now.
+/// `element`: the same value when the pipeline runs on `streamClock`, else shifted by the
+/// difference of the two clocks' readings now; GST_CLOCK_TIME_NONE without a pipeline clock.
 GstClockTime pipelineToStreamTime(GstElement* element, GstClock* streamClock, GstClockTime clockTime);
 
 /// The inverse: the time on the pipeline clock of `element` that corresponds to `streamTime`.

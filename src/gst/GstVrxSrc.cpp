@@ -199,7 +199,7 @@ void onStateChanged(GstVrxSrc* src, vrx::Receiver::State newState)
         const std::lock_guard lock(state.mutex);
         if (newState == vrx::Receiver::State::Running)
         {
-            state.discontNext = state.wasRunning; // a reconnection
+            state.discontNext = state.discontNext || state.wasRunning; // a reconnection
             state.wasRunning = true;
             state.lostAt.reset();
             state.goneReported = false;

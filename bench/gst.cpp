@@ -30,6 +30,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -238,8 +239,11 @@ int main(int argc, char** argv)
             seconds = std::max(0.5, std::atof(argv[index + 1]));
     }
     setenv("GST_PLUGIN_PATH", VRX_GST_PLUGIN_DIR, 0);
-    if (std::getenv("TMPDIR") == nullptr)
-        setenv("TMPDIR", "/tmp/vrx", 1);
+    // Senders appear in a scratch directory of this run, removed at the end.
+    char scratch[] = "/tmp/vrx-bench-gst-XXXXXX";
+    if (mkdtemp(scratch) == nullptr)
+        return 1;
+    setenv("TMPDIR", scratch, 1);
     gst_init(&argc, &argv);
     if (GstElement* element = gst_element_factory_make("vrxsrc", nullptr))
         gst_object_unref(element); // loads the plugin, which routes the library's log
@@ -279,5 +283,6 @@ int main(int argc, char** argv)
                     streaming ? "while streaming        " : "while waiting for a sender", percentile(times, 0.5),
                     *std::max_element(times.begin(), times.end()));
     }
+    std::filesystem::remove_all(scratch);
     return 0;
 }

@@ -115,6 +115,8 @@ demo() {
     echo
     echo "== A receiver: vrx-recv --duration 3 --out build/demo.wav $address"
     "$bin/vrx-recv" --duration 3 --out "$wav" "$address"
+    echo "   (frames and format: what arrived; gaps: breaks in timestamp continuity, that is frames"
+    echo "   lost on the way; latency: how long after its timestamp a frame arrived, p50 and p99)"
     if [ -e "$root/build/src/gst/libgstvoraxis.so" ]; then
         echo
         echo "== A GStreamer pipeline as a consumer of the same stream, for 200 frames (2 s):"
@@ -127,8 +129,6 @@ demo() {
     kill -INT "$sender"
     wait "$sender"
     trap - EXIT
-    echo "   (frames and format: what arrived; gaps: breaks in timestamp continuity, that is frames"
-    echo "   lost on the way; latency: how long after its timestamp a frame arrived, p50 and p99)"
     echo
     echo "== The sender stopped; what it said:"
     sed 's/^/   /' "$root/build/demo-send.log"

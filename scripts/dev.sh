@@ -3,14 +3,17 @@
 #
 #   scripts/dev.sh setup          install the Debian packages the project needs (as root)
 #   scripts/dev.sh demo           setup, build, then stream a tone from vrx-send to vrx-recv for
-#                                 three seconds into build/demo.wav and show what arrived
+#                                 three seconds into build/demo.wav and show what arrived, then
+#                                 to a GStreamer pipeline (vrxsrc) into build/demo-gst.wav
 #   scripts/dev.sh examples       setup, build, run the example programs in examples/
 #   scripts/dev.sh test [CONFIG]  setup, build, run the whole test suite with CTest
 #                                 CONFIG: plain (default, warnings as errors), asan (Address-
 #                                 and UndefinedBehaviorSanitizer) or tsan (ThreadSanitizer)
 #   scripts/dev.sh package        build and install as a packager does (-DBUILD_TESTING=OFF)
 #                                 into a staging directory, checking that no test dependency
-#                                 was looked up and that no test target was made
+#                                 was looked up and that no test target was made; and that a
+#                                 configuration without the GStreamer plugin looks GStreamer up
+#                                 nowhere, as on a machine without its development packages
 #   scripts/dev.sh bench          setup, build and run the benchmarks in bench/
 #   scripts/dev.sh fuzz [SECONDS] setup, build the libFuzzer targets of tests/fuzz/ with clang under
 #                                 Address- and UndefinedBehaviorSanitizer (in build-fuzz/) and run
@@ -25,7 +28,8 @@ packages=(
     build-essential cmake ninja-build pkg-config binutils
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    libgstreamer1.0-dev
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-tools
     libsndfile1-dev libcli11-dev nlohmann-json3-dev sox help2man
     clang libclang-rt-14-dev
 )
@@ -71,15 +75,27 @@ package() {
     local dir=$root/build-package
     rm -rf "$dir"
     build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DVRX_WARNINGS_AS_ERRORS=ON
-    if grep -n -i -E 'gtest|gmock|gstreamer' "$dir/CMakeCache.txt"; then
+    if grep -n -i -E 'gtest|gmock|gstreamer-(check|net)' "$dir/CMakeCache.txt"; then
         echo "package: a build without tests looked up a test dependency (above)" >&2
         exit 1
     fi
+    local without_gst=$root/build-package-nogst
+    rm -rf "$without_gst"
+    cmake -S "$root" -B "$without_gst" -G Ninja -DBUILD_TESTING=OFF -DVRX_BUILD_GST_PLUGIN=OFF >/dev/null
+    if grep -n -E 'gstreamer-1\.0|libgst' "$without_gst/CMakeCache.txt"; then
+        echo "package: a configuration without the GStreamer plugin looked GStreamer up (above)" >&2
+        exit 1
+    fi
+    rm -rf "$without_gst"
     if cmake --build "$dir" --target help | grep -E '(^|[^[:alnum:]_])test([^[:alnum:]]|$)|_tests?:'; then
         echo "package: a build without tests has test targets (above)" >&2
         exit 1
     fi
     DESTDIR="$dir/stage" cmake --install "$dir" --prefix /usr/local >/dev/null
+    if ! find "$dir/stage/usr/local" -path "*/gstreamer-1.0/libgstvoraxis.so" | grep -q .; then
+        echo "package: the GStreamer plugin was not installed under the prefix" >&2
+        exit 1
+    fi
     echo "package: installed into $dir/stage without any test dependency"
 }
 
@@ -99,11 +115,20 @@ demo() {
     echo
     echo "== A receiver: vrx-recv --duration 3 --out build/demo.wav $address"
     "$bin/vrx-recv" --duration 3 --out "$wav" "$address"
+    echo "   (frames and format: what arrived; gaps: breaks in timestamp continuity, that is frames"
+    echo "   lost on the way; latency: how long after its timestamp a frame arrived, p50 and p99)"
+    if [ -e "$root/build/src/gst/libgstvoraxis.so" ]; then
+        echo
+        echo "== A GStreamer pipeline as a consumer of the same stream, for 200 frames (2 s):"
+        echo "   GST_PLUGIN_PATH=build/src/gst gst-launch-1.0 vrxsrc address=$address num-buffers=200 ! \\"
+        echo "       audioconvert ! wavenc ! filesink location=build/demo-gst.wav"
+        GST_PLUGIN_PATH=$root/build/src/gst gst-launch-1.0 vrxsrc address="$address" num-buffers=200 ! \
+            audioconvert ! wavenc ! filesink location="$root/build/demo-gst.wav" 2>&1 | sed 's/^/   /'
+        echo "   build/demo-gst.wav: $(stat -c %s "$root/build/demo-gst.wav") bytes"
+    fi
     kill -INT "$sender"
     wait "$sender"
     trap - EXIT
-    echo "   (frames and format: what arrived; gaps: breaks in timestamp continuity, that is frames"
-    echo "   lost on the way; latency: how long after its timestamp a frame arrived, p50 and p99)"
     echo
     echo "== The sender stopped; what it said:"
     sed 's/^/   /' "$root/build/demo-send.log"
@@ -179,7 +204,7 @@ case "${1:-}" in
         for program in "$root"/build-bench/bench/vrx_bench_*; do "$program"; done
         ;;
     *)
-        sed -n '2,18p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+        sed -n '2,/^set -euo pipefail/{/^#/p}' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
         exit 2
         ;;
 esac

@@ -38,7 +38,7 @@ audiotestsrc_to_vrx_recv() {
         fail "the producing pipeline failed: $(cat sink.err)"
     finish "$last_pid"
     [ "$status" -eq 0 ] || fail "vrx-recv exited with $status: $(cat recv.err)"
-    grep -q "raw 48000 Hz, 2 channels, S16LE" recv.err || fail "not the pipeline's format: $(cat recv.err)"
+    grep -q "raw samples, 48000 Hz, 2 channels, S16LE" recv.err || fail "not the pipeline's format: $(cat recv.err)"
     same_samples in.raw out.raw 4
 }
 

@@ -8,9 +8,6 @@
 
 namespace vrxGst {
 
-/// Longest sidechannel address the library uses (an abstract Unix socket name).
-inline constexpr std::size_t maxAddressLength = 107;
-
 /// True for a usable address; otherwise posts an element error on `element` that says what to
 /// set (`example` shows a pipeline) and returns false.
 bool checkAddress(GstElement* element, const std::string& address, const char* example);

@@ -347,25 +347,18 @@ bool ensureSenderParentDirectory()
         printNote("TMPDIR is set but empty; set it to the directory in which senders appear");
         return false;
     }
-    struct stat status
-    {};
-    if (stat(directory.c_str(), &status) == 0)
+    switch (vrx::makeSenderParentDirectory())
     {
-        if (S_ISDIR(status.st_mode))
-            return true;
-        printNote(printable(directory) + " is not a directory; senders appear in the directory TMPDIR names");
-        return false;
-    }
-    if (errno == ENOENT && mkdir(directory.c_str(), 01777) == 0)
-    {
-        // The umask narrows mkdir's mode; every user's senders and receivers meet here.
-        chmod(directory.c_str(), 01777);
+    case vrx::SenderParentDirectory::Existing: return true;
+    case vrx::SenderParentDirectory::Created:
         printNote("created " + printable(directory) +
                   " (mode 1777, like /tmp), where senders appear and receivers look");
         return true;
+    case vrx::SenderParentDirectory::NotADirectory:
+        printNote(printable(directory) + " is not a directory; senders appear in the directory TMPDIR names");
+        return false;
+    case vrx::SenderParentDirectory::Failed: break;
     }
-    if (errno == EEXIST)
-        return true; // made by another program just now
     printNote("cannot create " + printable(directory) + ": " + miscUtils::strerror_r_safe(errno));
     return false;
 }

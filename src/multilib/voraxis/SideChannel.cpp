@@ -1,9 +1,14 @@
 #include "voraxis/SideChannel.h"
 
 #include "miscutils/Assert.h"
+#include "miscutils/Descriptors.h"
 #include "voraxis/LittleEndian.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -138,6 +143,30 @@ std::string getSenderParentDirectory()
 {
     const char* directory = std::getenv("TMPDIR");
     return directory != nullptr ? directory : "/tmp/vrx";
+}
+
+SenderParentDirectory makeSenderParentDirectory()
+{
+    const std::string directory = getSenderParentDirectory();
+    if (directory.empty())
+    {
+        errno = ENOENT;
+        return SenderParentDirectory::Failed;
+    }
+    if (mkdir(directory.c_str(), 0700) == 0)
+    {
+        // Opened up on what was made: the umask would narrow mkdir's mode, and a path could
+        // lead elsewhere by now.
+        const miscUtils::FileDescriptor made(
+            open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return made >= 0 && fchmod(made, 01777) == 0 ? SenderParentDirectory::Created
+                                                     : SenderParentDirectory::Failed;
+    }
+    struct stat status
+    {};
+    if (errno != EEXIST || stat(directory.c_str(), &status) != 0)
+        return SenderParentDirectory::Failed;
+    return S_ISDIR(status.st_mode) ? SenderParentDirectory::Existing : SenderParentDirectory::NotADirectory;
 }
 
 socklen_t makeAbstractSocketAddress(const std::string& name, sockaddr_un& address)

@@ -80,6 +80,20 @@ VRX_EXPORT std::uint32_t parseSidechannelMessageSize(const SidechannelMessageSiz
 /// environment is read at each call.
 VRX_EXPORT std::string getSenderParentDirectory();
 
+/// What makeSenderParentDirectory found, or did.
+enum class SenderParentDirectory : std::uint32_t
+{
+    Existing = 0,      ///< a directory was there already
+    Created = 1,       ///< this call made it
+    NotADirectory = 2, ///< something else is there
+    Failed = 3,        ///< it cannot be made (errno tells why; ENOENT for an empty TMPDIR)
+};
+
+/// Makes getSenderParentDirectory() when it is missing, with mode 1777 like /tmp, so that the
+/// senders and receivers of every user can meet there (what each may do there is for their
+/// access policies to say). The mode is set on the directory made, never through a link.
+VRX_EXPORT SenderParentDirectory makeSenderParentDirectory();
+
 /// Longest sidechannel address in bytes (107): an abstract Unix socket name fills sun_path
 /// behind its leading 0 byte. Sender and receiver use the first this many bytes of a longer one.
 inline constexpr std::size_t MaxSocketAddressLength = sizeof(sockaddr_un::sun_path) - 1;

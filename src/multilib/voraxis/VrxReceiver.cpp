@@ -552,29 +552,33 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
     MISCUTILS_ASSERT(m_sideChannelSocketFD >= 0);
     pollfd pollFDs[2] = {{m_wakeupPipe.readFD(), POLLIN, 0}, {m_sideChannelSocketFD, POLLIN, 0}};
     LOG4CPLUS_DEBUG(logger, "Waiting for initial info");
-    while (poll(pollFDs, 2, -1) < 0)
+    for (;;)
     {
-        const int error = errno;
-        if (error == EINTR)
-            continue;
-        logConnectionFailure("Could not poll for side channel activity to get initial info: " +
-                             toString(ErrnoText{error}));
-        return InitialInfoRetval::Error;
-    }
-
-    // A stop wins over data that is already waiting; an event is for later.
-    if ((pollFDs[0].revents & POLLIN) != 0)
-    {
+        if (poll(pollFDs, 2, -1) < 0)
+        {
+            const int error = errno;
+            if (error == EINTR)
+                continue;
+            logConnectionFailure("Could not poll for side channel activity to get initial info: " +
+                                 toString(ErrnoText{error}));
+            return InitialInfoRetval::Error;
+        }
+        if ((pollFDs[0].revents & POLLIN) == 0)
+            break;
         if (!m_wakeupPipe.drain())
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger,
                             "Error while receiving wakeup call over control pipe: " << ErrnoText{error});
         }
-        if (!isStopRequested())
-            return InitialInfoRetval::NotYet;
-        LOG4CPLUS_DEBUG(logger, "Loop wakeup activity; aborting wait for initial info");
-        return InitialInfoRetval::Aborted;
+        // A stop wins over data that is already waiting; an event is for later.
+        if (isStopRequested())
+        {
+            LOG4CPLUS_DEBUG(logger, "Loop wakeup activity; aborting wait for initial info");
+            return InitialInfoRetval::Aborted;
+        }
+        if ((pollFDs[1].revents & POLLIN) != 0)
+            break;
     }
     // A hang-up or an error without data would be reported again at once: the connection is
     // lost rather than waited on.

@@ -2,7 +2,8 @@
 // SequenceInfo messages of increasing sequence numbers, each written in pieces of a size the
 // input gives, each piece once the receiver has read the last. Input: the greeting's piece
 // size, then per message its piece size and codec header length. Every message must be taken
-// once, whole and in order: the sample rate of message N is N.
+// once, whole and in order (the sample rate of message N is N), up to one longer than the
+// receiver takes: its length alone makes the receiver refuse it and give up the connection.
 
 #include "Fuzzing.h"
 
@@ -16,11 +17,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t at = 1; at + 1 < size && rates.size() < 16; at += 2)
     {
         const auto number = static_cast<unsigned char>(rates.size() + 1);
-        rates.push_back(number);
-        // Rate N, stereo, S16LE; up to 130 kB long, which the receiver reads in 64 kB steps.
+        // Rate N, stereo, S16LE; up to 130 kB long, of which the receiver takes up to 64 KiB.
         Buffer header(6 + 2 * data[at + 1] * data[at + 1]);
         header[0] = number, header[4] = header[5] = 2;
         produceSequenceInfoPacket(message, PcmFourcc, header, number);
+        if (message.size() > 64 * 1024)
+        {
+            const SidechannelMessageSize length =
+                produceSidechannelMessageSize(static_cast<std::uint32_t>(message.size()));
+            MISCUTILS_ASSERT(write(stream.fake.connection(), length.data(), length.size()) == 4);
+            fuzz::until([&] { return stream.seen(stream.gone) > 0; });
+            MISCUTILS_ASSERT(stream.rates == rates);
+            return 0;
+        }
+        rates.push_back(number);
         MISCUTILS_ASSERT(stream.fake.send(message, (1 + data[at]) * (1 + message.size() / 256),
                                           stream.afterRead(stream.listening)));
     }

@@ -12,6 +12,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -138,15 +139,16 @@ private:
 
 /// Test code speaking a sender's wire format, for what a real sender would not send: it listens
 /// on an abstract address, writes whatever bytes a test gives on the connection it accepts, and
-/// pushes packets to a receiver that binds the pipeline channel its greeting names, so that
-/// every packet arrives, in order.
+/// pushes packets to a receiver that binds the pipeline channel its greeting names (in a sender's
+/// directory of its own under `directory`), so that every packet arrives, in order.
 class FakeSender : NonCopyable
 {
 public:
     /// Listens with room for `backlog` connections that wait (Linux takes one more).
     FakeSender(const std::string& address, const std::string& directory, int backlog = 4)
-        : m_uri("ipc://" + directory + "/fake.ipc")
+        : m_uri("ipc://" + directory + "/VrxSender-" + address + "/fake.ipc")
     {
+        std::filesystem::create_directories(m_uri.substr(6, m_uri.rfind('/') - 6));
         sockaddr_un at;
         const socklen_t size = makeAbstractSocketAddress(address, at);
         if (bind(m_listener, reinterpret_cast<const sockaddr*>(&at), size) < 0 ||
@@ -159,14 +161,17 @@ public:
         ::close(m_listener);
     }
     const std::string& uri() const { return m_uri; }
-    /// The greeting of a pipeline sender whose main channel is this fake's (or `uri`), on the
-    /// monotonic clock or on a network clock served at 127.0.0.1:`port`.
-    Buffer greeting(unsigned int port = 0, const std::string& uri = "") const
+    /// The connection accepted last, for bytes no message framing would send.
+    int connection() const { return m_connection; }
+    /// The greeting of a pipeline sender whose main channel is this fake's (or `uri`, of
+    /// `protocol`), on the monotonic clock or on a network clock served at 127.0.0.1:`port`.
+    Buffer greeting(unsigned int port = 0, const std::string& uri = "",
+                    NanomsgProtocol protocol = NanomsgProtocol::Pipeline) const
     {
         return produceInitialInfoPacket(
             {1, port != 0 ? "127.0.0.1" : "", static_cast<std::uint16_t>(port),
-             port != 0 ? TimeSyncProtocol::GstNetClock : TimeSyncProtocol::MonotonicSystemClock,
-             NanomsgProtocol::Pipeline, uri.empty() ? m_uri : uri});
+             port != 0 ? TimeSyncProtocol::GstNetClock : TimeSyncProtocol::MonotonicSystemClock, protocol,
+             uri.empty() ? m_uri : uri});
     }
     /// Takes the receiver's next connection (dropping the last one); false when none comes in time.
     bool accept()
@@ -218,6 +223,19 @@ private:
     int m_connection = -1;
     std::unique_ptr<NanomsgPeer> m_pusher;
 };
+
+/// Makes this process user `spec` ("UID[:GID,...]": in the groups GID,..., the first its group;
+/// in UID's group when none is named) for good; true when it could.
+inline bool becomeUser(const std::string& spec)
+{
+    std::vector<gid_t> groups;
+    std::istringstream words(spec.substr(spec.find(':') + 1));
+    for (std::string group; spec.find(':') != std::string::npos && std::getline(words, group, ',');)
+        groups.push_back(static_cast<gid_t>(std::stoul(group)));
+    const auto user = static_cast<uid_t>(std::stoul(spec));
+    return setgroups(groups.size(), groups.data()) == 0 && setgid(groups.empty() ? user : groups[0]) == 0 &&
+           setuid(user) == 0;
+}
 
 /// A frame whose duration and media follow from its timestamp, so that a receiver's test can
 /// check every frame it gets, whoever sent it.

@@ -1,18 +1,25 @@
 // The library's two ends in processes of their own, for tests that kill, stop or restart them,
 // or run them as another user:
 //
-//   vrx_test_peer sender ADDRESS pubsub|pipeline FIRST   streams frames of the frame scheme
+//   vrx_test_peer [as UID[:GID,...]] ROLE ...   runs ROLE as user UID, in the groups GID,...
+//       (the first is its group; UID's when none is named), with the access policy of VRX_ALLOW.
+//       The library's warnings and errors are printed as "LEVEL text".
+//   ROLE sender ADDRESS pubsub|pipeline FIRST   streams frames of the frame scheme
 //       (timestamps FIRST, FIRST + 1, ...), one per millisecond, until it is killed;
-//   vrx_test_peer receiver ADDRESS   prints "running" at each connection and, once SIGTERM has
-//       stopped it, "frames N lost L corrupt C" (lost: gaps between timestamps of a connection);
-//   vrx_test_peer push URI UID SEQUENCE   as user UID, pushes Frames of that sequence
-//       (timestamps 1000, 1001, ...) to the pipeline channel at URI, one per 100 ms, until it
-//       is killed (a message nanomsg has taken may still be queued when a process ends).
+//   ROLE receiver ADDRESS   prints "running" at each connection, "delivering" at its first
+//       frame, and, once SIGTERM has stopped it, "frames N lost L corrupt C" (lost: gaps between timestamps
+//       of a connection);
+//   ROLE push URI SEQUENCE   pushes Frames of that sequence (timestamps 1000, 1001, ...) to the
+//       pipeline channel at URI, one per 100 ms, until it is killed (a message nanomsg has taken
+//       may still be queued when a process ends).
 
 #include "Peers.h"
 
 #include <voraxis/VrxReceiver.h>
 #include <voraxis/VrxSender.h>
+
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/layout.h>
 
 #include <csignal>
 
@@ -20,7 +27,18 @@ using namespace vrx;
 
 int main(int argc, char** argv)
 {
-    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments.size() > 2 && arguments[0] == "as")
+    {
+        if (!test::becomeUser(arguments[1]))
+            return 3;
+        arguments.erase(arguments.begin(), arguments.begin() + 2);
+    }
+    log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(false, true));
+    console->setLayout(std::make_unique<log4cplus::PatternLayout>("%p %m%n"));
+    log4cplus::Logger library = log4cplus::Logger::getInstance("Voraxis");
+    library.addAppender(console);
+    library.setLogLevel(log4cplus::WARN_LOG_LEVEL);
     PcmPayloader payloader;
     payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
     if (arguments.size() == 4 && arguments[0] == "sender")
@@ -54,6 +72,8 @@ int main(int argc, char** argv)
         });
         receiver.setMediaDataCallback([&](unsigned long long timestamp, unsigned long long duration,
                                           const std::vector<unsigned char>& media) {
+            if (last == 0)
+                std::printf("delivering\n"), std::fflush(stdout);
             ++frames;
             lost += last != 0 && timestamp > last + 1 ? timestamp - last - 1 : 0;
             corrupt += duration != test::durationOf(timestamp) || media != test::mediaOf(timestamp);
@@ -67,16 +87,13 @@ int main(int argc, char** argv)
                     static_cast<unsigned long long>(lost), static_cast<unsigned long long>(corrupt));
         return 0;
     }
-    if (arguments.size() == 4 && arguments[0] == "push")
+    if (arguments.size() == 3 && arguments[0] == "push")
     {
-        const auto user = static_cast<uid_t>(std::stoul(arguments[2]));
-        if (setgid(user) != 0 || setuid(user) != 0)
-            return 3;
         test::NanomsgPeer pusher(NN_PUSH, arguments[1]);
         for (std::uint64_t timestamp = 1000;; ++timestamp)
         {
             Buffer frame;
-            payloader.produceFramePacket(frame, static_cast<unsigned short>(std::stoul(arguments[3])),
+            payloader.produceFramePacket(frame, static_cast<unsigned short>(std::stoul(arguments[2])),
                                          timestamp, test::durationOf(timestamp), test::mediaOf(timestamp));
             pusher.send(frame);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));

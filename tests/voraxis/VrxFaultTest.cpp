@@ -170,35 +170,6 @@ TEST_F(FaultTest, APipelineSendWaitsForAStoppedReceiverUntilSendingIsDisabled)
     producer.join();
 }
 
-TEST_F(FaultTest, AnyLocalUserReadsTheGreetingAndPushesToAPipelineReceiver)
-{
-    // Another user where this process may become one, else this user.
-    const uid_t user = getuid() == 0 ? 65534 : getuid();
-    ASSERT_TRUE(startSender(NanomsgProtocol::Pipeline));
-    ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && stream(1));
-    const std::string uri =
-        "ipc://" + (fs::directory_iterator(m_scratch.path())->path() / "nanomsgChannel.ipc").string();
-    const Buffer greeting = produceInitialInfoPacket(
-        {1, "127.0.0.1", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline, uri});
-
-    // The sidechannel is an abstract socket: no file, no permission to pass.
-    const pid_t reader = fork();
-    if (reader == 0)
-        _exit(setgid(user) == 0 && setuid(user) == 0 && SidechannelClient(m_address).readMessage() == greeting
-                  ? 0
-                  : 1);
-    int status = -1;
-    waitpid(reader, &status, 0);
-    EXPECT_EQ(status, 0) << "user " << user << " reads the greeting";
-
-    // A pipeline receiver's socket file is writable for everyone.
-    fs::permissions(m_scratch.path(), fs::perms::others_exec, fs::perm_options::add);
-    const ChildProcess pusher({VRX_TEST_PEER, "push", uri, std::to_string(user), "1"});
-    EXPECT_TRUE(waitFor([&] { return m_callbacks.seen().frames.back() >= 1000; }))
-        << "user " << user << " pushes a frame the receiver delivers";
-    EXPECT_TRUE(m_callbacks.seen().intact);
-}
-
 TEST_F(FaultTest, AGreetingCutShortOrOfNoLengthIsLoggedAndTheConnectionRebuilt)
 {
     FakeSender fake(m_address, m_scratch.path());

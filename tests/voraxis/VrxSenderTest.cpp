@@ -96,8 +96,9 @@ TEST_F(SenderTest, LivesInAPrivateDirectoryGreetsReceiversAndLeavesNothingOnShut
     ASSERT_TRUE(m_sender.initializeSender(address, "", "192.168.17.4", 4660, TimeSyncProtocol::GstNetClock,
                                           NanomsgProtocol::PubSub));
     const std::string uri = channelUri();
-    EXPECT_EQ(fs::status(fs::path(uri.substr(6)).parent_path()).permissions(), fs::perms::all)
-        << "receivers of other users reach the socket";
+    EXPECT_EQ(fs::status(fs::path(uri.substr(6)).parent_path()).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(fs::status(uri.substr(6)).permissions(), fs::perms::owner_read | fs::perms::owner_write)
+        << "by default, this user's receivers (and root's) alone reach the socket";
     EXPECT_TRUE(fs::is_socket(uri.substr(6))) << "publish/subscribe: the sender binds the socket";
     const Buffer expected = produceInitialInfoPacket(
         {1, "192.168.17.4", 4660, TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub, uri});
@@ -154,7 +155,7 @@ TEST_F(SenderTest, AFailedSetUpLeavesWhatItMadeUntilTheNextTryOrTheSenderGoes)
         ASSERT_TRUE(initialize(holder));
         const ProcessResources held = processResources();
         EXPECT_FALSE(initialize(*sender));
-        EXPECT_TRUE(settlesAt(held, {.descriptors = 4}));
+        EXPECT_TRUE(settlesAt(held, {.descriptors = 6})) << "two pipes, the directory and its parent";
     }
     // The parent directory is the receivers' to watch, not the sender's to create.
     const std::string missing = m_scratch.path() + "/missing";
@@ -168,33 +169,39 @@ TEST_F(SenderTest, AFailedSetUpLeavesWhatItMadeUntilTheNextTryOrTheSenderGoes)
     EXPECT_FALSE(SidechannelClient(m_address).connected());
     EXPECT_TRUE(settlesAt(baseline, {.descriptors = 4})) << "the last try's two pipes";
 
-    // An IPC path too long for a Unix socket address (nanomsg would stop the process on it) fails
-    // after the listener.
-    std::string tmpdir = m_scratch.path() + "/";
-    tmpdir.resize(80, 'd');
-    fs::create_directories(tmpdir);
-    m_scratch.setTmpdir(tmpdir.c_str());
+    // With nanomsg out of sockets, set-up fails after the listener.
+    m_scratch.setTmpdir(m_scratch.path().c_str());
     m_log.clear();
-    EXPECT_FALSE(initialize(*sender));
-    EXPECT_EQ(m_log.lines(),
-              (LogLines{"TRACE Setting up sender with socket address \"" + m_address + "\"",
-                        "DEBUG Nanomsg URI: \"ipc://" + tmpdir + "/VrxSender-XXXXXX/nanomsgChannel.ipc\"",
-                        "TRACE Listener set up",
-                        "ERROR Could not connect the nanomsg SP socket: " + errnoText(ENAMETOOLONG)}));
+    int exhausted = 0;
+    const auto withoutNanomsgSockets = [&](const std::function<void()>& run) {
+        std::vector<int> sockets;
+        for (int socket; (socket = nn_socket(AF_SP, NN_PUB)) >= 0;)
+            sockets.push_back(socket);
+        exhausted = errno;
+        run();
+        std::ranges::for_each(sockets, nn_close);
+    };
+    withoutNanomsgSockets([&] { EXPECT_FALSE(initialize(*sender)); });
+    EXPECT_EQ(m_log.lines(), (LogLines{"TRACE Setting up sender with socket address \"" + m_address + "\"",
+                                       "DEBUG Nanomsg URI: \"ipc://" + m_scratch.path() +
+                                           "/VrxSender-XXXXXX/nanomsgChannel.ipc\"",
+                                       "TRACE Listener set up",
+                                       "ERROR Could not create nanomsg SP socket: " + errnoText(exhausted)}));
     EXPECT_TRUE(SidechannelClient(m_address).connected())
         << "the listening socket stays, no thread serving it";
-    EXPECT_EQ(entriesIn(tmpdir), 1);
-    EXPECT_TRUE(settlesAt(baseline, {.descriptors = 5})) << "the pipes of this try and the listening socket";
+    EXPECT_EQ(entriesIn(m_scratch.path()), 1) << "this try's directory";
+    EXPECT_TRUE(settlesAt(baseline, {.descriptors = 7}))
+        << "the pipes, the directory and its parent of this try, and the listening socket";
     m_log.clear();
     sender->shutdownSender();
     EXPECT_EQ(m_log.lines(), LogLines{}) << "not initialised, so shut-down does nothing";
     sender.reset();
     EXPECT_TRUE(settlesAt(baseline));
-    EXPECT_EQ(entriesIn(tmpdir), 0);
+    EXPECT_EQ(entriesIn(m_scratch.path()), 0);
     EXPECT_FALSE(SidechannelClient(m_address).connected());
 
     // Last, since the child dies leaving a directory: a try after such a failure meets the listener.
-    EXPECT_FALSE(initialize(m_sender));
+    withoutNanomsgSockets([&] { EXPECT_FALSE(initialize(m_sender)); });
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(initialize(m_sender),
                  assertionFailure("m_listenerSocketFD < 0", "bool vrx::Sender::setupListener()"));

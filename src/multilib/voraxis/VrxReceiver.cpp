@@ -4,6 +4,7 @@
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
 #include "voraxis/LittleEndian.h"
+#include "voraxis/PeerAccess.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -24,6 +25,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 namespace vrx {
@@ -38,7 +40,10 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxi
 constexpr std::size_t readingLengthPrefix = static_cast<std::size_t>(-1);
 // The sidechannel reader grows its buffer by at most this much per read, so that a length
 // prefix alone never makes it allocate more than the peer actually sends.
-constexpr std::size_t sidechannelReadChunk = 64 * 1024;
+constexpr std::size_t sidechannelReadChunk = 4 * 1024;
+// The longest sidechannel message taken, and the buffer kept from one connection to the next.
+constexpr std::size_t maxSidechannelMessageSize = 64 * 1024;
+constexpr std::size_t keptSidechannelCapacity = 4 * 1024;
 
 constexpr auto retryDelay = 400ms;
 constexpr auto quickRetryDelay = 2ms;
@@ -131,6 +136,16 @@ void Receiver::setNewSequenceCallback(NewSequenceCallback callback)
     m_newSequenceCallback = std::move(callback);
 }
 
+void Receiver::setAccessPolicy(const AccessPolicy& policy)
+{
+    m_chosenAccessPolicy = policy;
+}
+
+void Receiver::setLargestMessageSize(std::size_t bytes)
+{
+    m_largestMessageSize = std::min<std::size_t>(bytes, std::numeric_limits<int>::max());
+}
+
 Receiver::State Receiver::getState() const
 {
     std::lock_guard lock(m_mutex);
@@ -156,6 +171,7 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     LOG4CPLUS_TRACE(logger, "Setting up receiver with socket address \"" << socketAddress << "\"");
 
     m_socketAddress = std::move(socketAddress);
+    m_accessPolicy = m_chosenAccessPolicy.value_or(AccessPolicy::fromEnvironment());
     m_receiverIsReadyReported = false;
     m_connectingState = ConnectingState::ConnectingSidechannel;
     m_failedAttempts = 0;
@@ -361,7 +377,10 @@ bool Receiver::handleConnectingState()
         case ConnectionRetval::Success:
             LOG4CPLUS_DEBUG(logger, "Sidechannel to VRX sender established");
             takeEvent(SenderAppeared); // whatever appeared meanwhile, this is the sender
-            m_connectingState = ConnectingState::WaitingForInitialInfo;
+            if (!isSenderAllowed())
+                restartConnection();
+            else
+                m_connectingState = ConnectingState::WaitingForInitialInfo;
             return true;
         case ConnectionRetval::Retry: scheduleRetry(); return true;
         case ConnectionRetval::Failed: m_connectionAttemptFailed = true; return false;
@@ -472,6 +491,22 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
     return ConnectionRetval::Retry;
 }
 
+bool Receiver::isSenderAllowed()
+{
+    const std::optional<detail::PeerCredentials> sender = detail::peerCredentials(m_sideChannelSocketFD);
+    if (sender && detail::allows(m_accessPolicy, *sender))
+    {
+        m_senderUid = sender->uid;
+        return true;
+    }
+    const int error = errno;
+    logConnectionFailure(
+        sender ? "Refusing the sender at \"" + m_socketAddress + "\": " + detail::describe(*sender) +
+                     " is not allowed by the access policy \"" + m_accessPolicy.toString() + "\""
+               : "Refusing a sender whose credentials are unknown: " + toString(ErrnoText{error}));
+    return false;
+}
+
 void Receiver::disconnectSidechannel()
 {
     if (m_sideChannelSocketFD >= 0)
@@ -482,6 +517,9 @@ void Receiver::disconnectSidechannel()
     }
     m_sidechannelMessageSize = readingLengthPrefix;
     m_sidechannelBytesRead = 0;
+    // What a large message made the buffer grow to goes with the connection.
+    if (m_sidechannelMessage.capacity() > keptSidechannelCapacity)
+        Buffer().swap(m_sidechannelMessage);
 }
 
 bool Receiver::readSomeFromSidechannel(unsigned char* buffer, std::size_t count, std::size_t& bytesRead)
@@ -528,6 +566,14 @@ Receiver::SidechannelReadRetval Receiver::readSidechannelMessage()
             m_sidechannelMessageSize = detail::readLittleEndian<std::uint32_t>(m_sidechannelMessage.data());
             m_sidechannelMessage.clear();
             m_sidechannelBytesRead = 0;
+            // A greeting or a SequenceInfo is tens of bytes: a peer's length is not trusted further.
+            if (m_sidechannelMessageSize > maxSidechannelMessageSize)
+            {
+                logConnectionFailure("Refusing a sidechannel message of " +
+                                     std::to_string(m_sidechannelMessageSize) + " bytes; at most " +
+                                     std::to_string(maxSidechannelMessageSize) + " are taken");
+                return SidechannelReadRetval::Error;
+            }
         }
         // The payload follows in later calls, so that one call never reads past one message.
         return SidechannelReadRetval::Incomplete;
@@ -680,14 +726,18 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     if (protocol != NanomsgProtocol::Pipeline && protocol != NanomsgProtocol::PubSub)
         MISCUTILS_ASSERT(false);
     const std::string& uri = m_initialInfo.nanomsgUri;
-    const bool ipc = uri.starts_with(ipcScheme);
-    // nanomsg stops the whole process on some IPC paths that do not fit a Unix socket address
-    // instead of failing; a sender that announces one is refused, as a failed attempt.
-    if (ipc && uri.size() - ipcScheme.size() >= sizeof(sockaddr_un::sun_path))
+    // What a greeting names is bound or connected only when it is a socket of the sender's in
+    // the sender's directory (where nanomsg would unlink a file, bind a directory or listen on
+    // a network): anything else is refused, as a failed attempt.
+    std::string refusal;
+    std::optional<detail::MainChannelPlace> place =
+        detail::checkMainChannelUri(uri, protocol, m_accessPolicy, m_senderUid, refusal);
+    if (!place)
     {
-        logConnectionFailure("Could not connect the nanomsg SP socket: " + toString(ErrnoText{ENAMETOOLONG}));
+        logConnectionFailure("Refusing the main channel \"" + uri + "\" of the greeting: " + refusal);
         return ConnectionRetval::Retry;
     }
+    m_mainChannelDirectoryFD = std::move(place->directory);
 
     if (!m_nanomsgMainFD.open(protocol == NanomsgProtocol::PubSub ? NN_SUB : NN_PULL))
     {
@@ -704,7 +754,7 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
             LOG4CPLUS_ERROR(logger, "Could not set SP socket subscription: " << ErrnoText{error});
             return ConnectionRetval::Failed;
         }
-        if (!m_nanomsgMainFD.attach(uri, false))
+        if (!m_nanomsgMainFD.attach(place->uri, false))
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
@@ -714,23 +764,27 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     else
     {
         // Pipeline: the receiver binds, so only one receiver can hold the address.
-        if (!m_nanomsgMainFD.attach(uri, true))
+        if (!m_nanomsgMainFD.attach(place->uri, true))
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
             return ConnectionRetval::Failed;
         }
-        if (ipc)
+        // The sender connects: as many as the access policy allows may, and no one else.
+        LOG4CPLUS_INFO(logger, "Changing the permissions of socket " << uri << " to " << std::oct
+                                                                     << detail::socketMode(m_accessPolicy));
+        if (!detail::openUpSocket(m_mainChannelDirectoryFD, place->name, m_accessPolicy))
         {
-            // A sender running under another user id must be able to connect.
-            LOG4CPLUS_INFO(logger, "Changing the permissions of socket " << uri << " to 622");
-            chmod(uri.c_str() + ipcScheme.size(), 0622);
+            const int error = errno;
+            LOG4CPLUS_ERROR(logger,
+                            "Could not change the permissions of socket " << uri << ": " << ErrnoText{error});
         }
     }
 
-    // Hold as little as possible ahead of the reader, and take messages of any size.
+    // Hold as little as possible ahead of the reader, and drop a message larger than the
+    // application takes (nanomsg would otherwise allocate whatever a peer announces).
     m_nanomsgMainFD.setOption(NN_RCVBUF, 1);
-    m_nanomsgMainFD.setOption(NN_RCVMAXSIZE, -1);
+    m_nanomsgMainFD.setOption(NN_RCVMAXSIZE, static_cast<int>(m_largestMessageSize));
 
     if (!m_nanomsgMainFD.fetchWatchFD(NN_RCVFD))
     {
@@ -750,6 +804,7 @@ void Receiver::disconnectNanomsgMainChannel()
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Error while closing SP socket: " << ErrnoText{error});
     }
+    m_mainChannelDirectoryFD.reset();
 }
 
 // ---- Running: input ------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <voraxis/AccessPolicy.h>
 #include <voraxis/SideChannel.h>
 #include <voraxis/VrxPayload.h>
 
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <source_location>
 #include <string>
 #include <thread>
@@ -43,7 +45,19 @@ namespace vrx {
 /// are called on the receiver thread only, never under the receiver's lock, so they may call
 /// these queries too.
 ///
+/// Access: the receiver follows only a sender that its access policy allows (its own user and
+/// root by default; see AccessPolicy); another is a failed attempt, and the receiver waits on.
+///
 /// Where this receiver takes the safe side:
+/// - A greeting cannot point anywhere: the main channel is bound or connected only at a socket
+///   inside a sender's directory ("VrxSender-...") of the sender's user that nobody outside the
+///   policy can write (a pipeline's socket may not exist yet), reached through the directory
+///   held open; a regular file, a directory, a network address or someone else's directory is
+///   refused with an ERROR line, as a failed attempt. A pipeline receiver's socket gets the mode
+///   the policy needs, set without following a link.
+/// - Inputs have bounds: a sidechannel message longer than 64 KiB ends the connection (a
+///   greeting is tens of bytes) and its buffer goes with it; nanomsg drops main channel messages
+///   larger than setLargestMessageSize (16 MiB) instead of allocating what a peer announces.
 /// - Shut-down is prompt: a stop wakes the directory monitor at once (it otherwise polls every
 ///   5 s), and the sidechannel is connected without blocking, so that a sender whose backlog is
 ///   full (or any listener that never accepts) cannot hold the receiver thread; shutdownReceiver
@@ -115,6 +129,15 @@ public:
 
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
+
+    /// Which senders the receiver follows, from the next initializeReceiver on; without a call,
+    /// the environment variable VRX_ALLOW decides (AccessPolicy::fromEnvironment).
+    void setAccessPolicy(const AccessPolicy& policy);
+
+    /// The largest main channel message taken (16 MiB unless set); nanomsg drops a larger one
+    /// instead of allocating what a peer announces. Set it like the callbacks, before
+    /// initializeReceiver or while the receiver is Idle.
+    void setLargestMessageSize(std::size_t bytes);
 
     /// Registers a depayloader under its FourCC. The receiver does not own it; it must outlive
     /// the receiver.
@@ -205,6 +228,7 @@ private:
     void scheduleRetry();
     bool waitForNextAttempt();
     ConnectionRetval connectSidechannel();
+    bool isSenderAllowed();
     void disconnectSidechannel();
     bool readSomeFromSidechannel(unsigned char* buffer, std::size_t count, std::size_t& bytesRead);
     SidechannelReadRetval readSidechannelMessage();
@@ -246,6 +270,9 @@ private:
     void stopFsMonitorThread();
 
     std::string m_socketAddress;
+    std::optional<AccessPolicy> m_chosenAccessPolicy; // the application's
+    AccessPolicy m_accessPolicy;                      // in force since initializeReceiver
+    std::size_t m_largestMessageSize = 16 * 1024 * 1024;
     DepayloaderList m_depayloaderList;
     // Written by the receiver thread under m_mutex; read under it by other threads.
     InitialInfo m_initialInfo;
@@ -283,6 +310,9 @@ private:
     std::string m_repeatedFailure;
     unsigned long m_failureRepeats = 0;
     miscUtils::FileDescriptor m_sideChannelSocketFD;
+    unsigned int m_senderUid = 0; // of the sender on the other end, by its credentials
+    // The directory of the main channel's socket, open while the channel is.
+    miscUtils::FileDescriptor m_mainChannelDirectoryFD;
     // The SP socket with its endpoint and receive watch descriptor.
     detail::NanomsgSocket m_nanomsgMainFD;
     // Opened and closed under m_mutex; written by stops and by posted events.

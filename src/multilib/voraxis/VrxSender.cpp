@@ -3,6 +3,7 @@
 #include "miscutils/Assert.h"
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
+#include "voraxis/PeerAccess.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -11,12 +12,14 @@
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -29,7 +32,11 @@ using namespace std::chrono_literals;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
+constexpr char nanomsgIpcFileName[] = "nanomsgChannel.ipc";
 constexpr int listenBacklog = 32;
+// Receivers connected at once; further ones are closed at once, so that connections cannot
+// exhaust the sender's descriptors or make every event walk an ever longer poll set.
+constexpr std::size_t maxClientConnections = 256;
 constexpr std::size_t clientReadSize = 256;
 // How long the listener leaves its socket alone after running out of descriptors.
 constexpr auto acceptPause = 100ms;
@@ -96,19 +103,10 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
         return false;
     }
 
-    // The parent directory is the receivers' to watch; it is not created here.
-    std::string directoryTemplate = getSenderParentDirectory() + "/VrxSender-XXXXXX";
-    if (mkdtemp(directoryTemplate.data()) == nullptr)
-    {
-        const int error = errno;
-        LOG4CPLUS_ERROR(logger,
-                        "Could not create temporary directory for nanomsg SP socket: " << ErrnoText{error});
+    m_accessPolicy = m_chosenAccessPolicy.value_or(AccessPolicy::fromEnvironment());
+    if (!makeTemporaryDirectory())
         return false;
-    }
-    // Receivers running under other user ids must reach the socket inside.
-    chmod(directoryTemplate.c_str(), 0777);
-    m_tempDirectory = std::move(directoryTemplate);
-    m_nanomsgIpcFilePath = m_tempDirectory + "/nanomsgChannel.ipc";
+    m_nanomsgIpcFilePath = m_tempDirectory + "/" + nanomsgIpcFileName;
     m_nanomsgUri = "ipc://" + m_nanomsgIpcFilePath;
 
     m_socketAddress = std::move(socketAddress);
@@ -129,7 +127,8 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
 
     m_listenerPollFDs->push_back({m_listenerWakeupPipe.readFD(), POLLIN, 0});
     m_listenerPollFDs->push_back({m_listenerSocketFD, POLLIN, 0});
-    m_acceptFailures = 0;
+    m_acceptFailures = m_refusedForRoom = 0;
+    m_refusedUsers.clear();
 
     m_initialized = true;
     m_listenerThreadRunning = true;
@@ -174,22 +173,57 @@ void Sender::shutdownSender()
     LOG4CPLUS_TRACE(logger, "Sender shut down");
 }
 
+void Sender::setAccessPolicy(const AccessPolicy& policy)
+{
+    std::lock_guard lock(m_mutex);
+    m_chosenAccessPolicy = policy;
+}
+
+bool Sender::makeTemporaryDirectory()
+{
+    // The parent is the receivers' to watch; it is not created here. What is made in it is
+    // reached through descriptors from now on, so that no path can be swapped underneath.
+    const std::string parent = getSenderParentDirectory();
+    std::string refusal;
+    m_parentDirectoryFD = detail::openSendersParent(parent, refusal);
+    if (!refusal.empty())
+    {
+        LOG4CPLUS_ERROR(logger, "Cannot make a sender's directory in \"" << parent << "\": " << refusal);
+        return false;
+    }
+    std::string name;
+    if (m_parentDirectoryFD >= 0)
+        m_tempDirectoryFD = detail::makeSenderDirectory(m_parentDirectoryFD, name);
+    if (m_tempDirectoryFD < 0)
+    {
+        const int error = errno;
+        LOG4CPLUS_ERROR(logger,
+                        "Could not create temporary directory for nanomsg SP socket: " << ErrnoText{error});
+        return false;
+    }
+    m_tempDirectory = parent + "/" + name;
+    return true;
+}
+
 void Sender::removeTemporaryDirectory()
 {
     if (!m_nanomsgUri.empty())
     {
         LOG4CPLUS_DEBUG(logger,
                         "Deleting nanomsg IPC socket file \"" << m_nanomsgIpcFilePath << "\" if it exists");
-        unlink(m_nanomsgIpcFilePath.c_str());
+        unlinkat(m_tempDirectoryFD, nanomsgIpcFileName, 0);
     }
     if (!m_tempDirectory.empty())
     {
         LOG4CPLUS_DEBUG(logger, "Deleting temporary nanomsg socket directory \"" << m_tempDirectory << "\"");
-        rmdir(m_tempDirectory.c_str());
+        unlinkat(m_parentDirectoryFD, m_tempDirectory.substr(m_tempDirectory.rfind('/') + 1).c_str(),
+                 AT_REMOVEDIR);
     }
     m_nanomsgUri.clear();
     m_nanomsgIpcFilePath.clear();
     m_tempDirectory.clear();
+    m_tempDirectoryFD.reset();
+    m_parentDirectoryFD.reset();
 }
 
 bool Sender::areThereClientConnections() const
@@ -357,6 +391,39 @@ void Sender::greetClientConnection(int fd)
                                    << m_acceptFailures << " attempt(s) failed for want of resources");
         m_acceptFailures = 0;
     }
+    // Only this thread changes the poll set, so it counts without the lock.
+    if (clientConnectionCount() >= maxClientConnections)
+    {
+        if (m_refusedForRoom++ == 0)
+            LOG4CPLUS_WARN(logger, "Closing the connections of further receivers while "
+                                       << maxClientConnections << " are connected");
+        close(fd);
+        return;
+    }
+    if (m_refusedForRoom > 0)
+    {
+        LOG4CPLUS_INFO(logger, "Room for receivers again; " << m_refusedForRoom
+                                                            << " connection(s) were closed for want of it");
+        m_refusedForRoom = 0;
+    }
+    const std::optional<detail::PeerCredentials> peer = detail::peerCredentials(fd);
+    if (!peer || !detail::allows(m_accessPolicy, *peer))
+    {
+        const int error = errno;
+        // Said once for each user, so that a peer that keeps trying cannot flood the log.
+        if (!peer)
+            LOG4CPLUS_ERROR(logger,
+                            "Refusing a receiver whose credentials are unknown: " << ErrnoText{error});
+        else if (std::ranges::count(m_refusedUsers, peer->uid) == 0 && m_refusedUsers.size() < 64)
+        {
+            m_refusedUsers.push_back(peer->uid);
+            LOG4CPLUS_WARN(logger, "Refusing a receiver: " << detail::describe(*peer)
+                                                           << " is not allowed by the access policy \""
+                                                           << m_accessPolicy.toString() << "\"");
+        }
+        close(fd);
+        return;
+    }
     LOG4CPLUS_DEBUG(logger, "New client connection: FD " << fd);
     // Under the lock a new sequence cannot slip in between the two packets.
     std::lock_guard lock(m_mutex);
@@ -453,14 +520,6 @@ bool Sender::setupNanomsgMainChannel()
     const bool pipeline = m_nanomsgProtocol == NanomsgProtocol::Pipeline;
     auto guard = miscUtils::makeScopeGuard([this] { shutdownNanomsgMainChannel(); });
 
-    // nanomsg stops the whole process on some IPC paths that do not fit a Unix socket address
-    // instead of failing; such a path is refused here as a failed attach.
-    if (m_nanomsgIpcFilePath.size() >= sizeof(sockaddr_un::sun_path))
-    {
-        LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{ENAMETOOLONG});
-        return false;
-    }
-
     if (!m_nanomsgMainFD.open(pipeline ? NN_PUSH : NN_PUB))
     {
         const int error = errno;
@@ -468,11 +527,24 @@ bool Sender::setupNanomsgMainChannel()
         return false;
     }
 
-    // Pipeline receivers bind the address themselves; subscribers connect to ours.
-    if (!m_nanomsgMainFD.attach(m_nanomsgUri, !pipeline))
+    // Pipeline receivers bind the address themselves; subscribers connect to ours. Through the
+    // open directory, so that the socket is where the greeting says whatever happens to paths,
+    // and however long the path is.
+    const std::string uri =
+        "ipc:///proc/self/fd/" + std::to_string(m_tempDirectoryFD) + "/" + nanomsgIpcFileName;
+    if (!m_nanomsgMainFD.attach(uri, !pipeline))
     {
         const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not connect the nanomsg SP socket: " << ErrnoText{error});
+        return false;
+    }
+    // The socket first, then its directory: nobody outside the policy gets in meanwhile.
+    if ((!pipeline && !detail::openUpSocket(m_tempDirectoryFD, nanomsgIpcFileName, m_accessPolicy)) ||
+        !detail::openUpSenderDirectory(m_tempDirectoryFD, m_accessPolicy, m_nanomsgProtocol))
+    {
+        const int error = errno;
+        LOG4CPLUS_ERROR(logger, "Could not give the main channel's files the modes of the access policy \""
+                                    << m_accessPolicy.toString() << "\": " << ErrnoText{error});
         return false;
     }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <voraxis/AccessPolicy.h>
 #include <voraxis/SideChannel.h>
 #include <voraxis/VrxPayload.h>
 
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +29,16 @@ namespace vrx {
 /// The producing end of a stream. It greets every local receiver on a Unix-domain socket in
 /// the abstract namespace and sends SequenceInfo and Frame packets over a nanomsg socket on an
 /// ipc:// path inside a private temporary directory (under $TMPDIR, default "/tmp/vrx").
+///
+/// Access: the sender greets only receivers that its access policy allows (its own user and
+/// root by default), and its directory and main channel socket let in no one else; see
+/// AccessPolicy. Where the sender takes the safe side:
+/// - Its parent directory must be owned by its user or root, and sticky when others may write
+///   it; no mode change follows a link (modes are set on descriptors), and the main channel is
+///   bound through the open directory, so that nothing can be swapped in between.
+/// - At most 256 receivers are connected at once; further connections are closed at once, and
+///   said so once until there is room again. Out of descriptors, the listener leaves waiting
+///   receivers in its backlog for 100 ms at a time instead of spinning on them.
 ///
 /// One producer thread calls setCurrentPayloader, startNewSequence and sendMediaData;
 /// disableSend may be called from any thread. Sends never queue. Over publish/subscribe a send
@@ -43,6 +55,10 @@ public:
 
     Sender(const Sender&) = delete;
     Sender& operator=(const Sender&) = delete;
+
+    /// Who may receive the stream, from the next initializeSender on; without a call, the
+    /// environment variable VRX_ALLOW decides (AccessPolicy::fromEnvironment).
+    void setAccessPolicy(const AccessPolicy& policy);
 
     /// Brings the sender up: temporary directory, sidechannel listener on `socketAddress` (or
     /// on `alternativeSocketAddress` when the first cannot be bound), nanomsg main channel and
@@ -110,6 +126,7 @@ private:
     bool waitForChannel();
     void waitUntilNoSendUsesTheChannel();
     std::size_t clientConnectionCount() const;
+    bool makeTemporaryDirectory();
     /// Removes the IPC file and the temporary directory, where there are any.
     void removeTemporaryDirectory();
 
@@ -145,6 +162,15 @@ private:
     std::condition_variable m_sendsFinished;
     std::string m_tempDirectory;
     std::string m_nanomsgIpcFilePath;
+    // The parent of the temporary directory and the directory itself, open while it exists.
+    miscUtils::FileDescriptor m_parentDirectoryFD;
+    miscUtils::FileDescriptor m_tempDirectoryFD;
+    std::optional<AccessPolicy> m_chosenAccessPolicy; // the application's
+    AccessPolicy m_accessPolicy;                      // in force since initializeSender
+    // Listener thread only: users refused so far (said once each), and receivers refused for
+    // want of room since there was room last.
+    std::vector<unsigned int> m_refusedUsers;
+    unsigned long m_refusedForRoom = 0;
     std::unique_ptr<std::vector<pollfd>> m_listenerPollFDs;
     // Listener thread only: when accepting resumes, and how many accepts failed for want of
     // descriptors since the last one that succeeded.

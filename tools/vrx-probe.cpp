@@ -94,6 +94,12 @@ public:
 
     TimeValue deadline() const { return m_deadline; }
 
+    /// Whether the process that answered is one the policy allows; `who` names it.
+    bool isAllowedBy(const vrx::AccessPolicy& policy, std::string& who) const
+    {
+        return policy.allowsPeerOf(m_fd, who);
+    }
+
 private:
     /// Waits until `fd` is readable (or, with -1, only for the time) or a signal comes.
     ReadResult waitReadable(int fd, int milliseconds) const
@@ -146,12 +152,19 @@ nlohmann::ordered_json describeSequence(const vrx::Buffer& packet)
     return sequence;
 }
 
-int probe(const std::string& address, double timeoutSeconds, const SignalDescriptor& signals)
+int probe(const std::string& address, double timeoutSeconds, const vrx::AccessPolicy& policy,
+          const SignalDescriptor& signals)
 {
     const TimeValue start = now();
     Greeting greeting(address, start + static_cast<TimeValue>(std::llround(timeoutSeconds * 1e9)), signals);
     const auto waited = [start] { return " (waited " + describeSeconds(now() - start) + ")"; };
     ReadResult result = greeting.connect();
+    if (std::string who; result == ReadResult::Ok && !greeting.isAllowedBy(policy, who))
+    {
+        printNote("refusing what answers at " + printable(address) + ": " + who +
+                  " is not allowed by the access policy \"" + policy.toString() + "\" (see --allow)");
+        return 1;
+    }
     vrx::Buffer message;
     if (result == ReadResult::Ok)
         result = greeting.readMessage(message, greeting.deadline());
@@ -213,7 +226,8 @@ int main(int argc, char** argv)
 gstnetclock with the time server's address and port), the data channel's protocol and URI, and the
 current sequence (number, FourCC and, for PCM, rate, channels and sample format; null before the
 first sequence). Exits 0 after printing, 1 when no sender answers within the timeout, when what
-answers is no VRX sender, or when a signal (Ctrl-C) ends the wait.
+answers is no VRX sender or a process that --allow does not allow, or when a signal (Ctrl-C)
+ends the wait.
 
 Examples:
   $ vrx-probe my-audio
@@ -228,5 +242,5 @@ Examples:
     if (const int exitCode = parseCommandLine(app, argc, argv); exitCode >= 0)
         return exitCode;
     configureLogging(commonOptions);
-    return probe(address, timeoutSeconds, signals);
+    return probe(address, timeoutSeconds, commonOptions.allow, signals);
 }

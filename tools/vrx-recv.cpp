@@ -729,6 +729,7 @@ int run(const Options& options, SignalDescriptor& signals)
     vrx::PcmDepayloader depayloader; // outlives the receiver
     vrx::Receiver receiver;
     receiver.addDepayloader(depayloader);
+    receiver.setAccessPolicy(options.common.allow);
     StatusLine status;
     Recording recording(options, receiver, depayloader, status.enabled());
     if (!receiver.initializeReceiver(options.address))

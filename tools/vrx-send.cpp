@@ -666,6 +666,7 @@ int run(Options& options, SignalDescriptor& signals)
     }
 
     vrx::Sender sender;
+    sender.setAccessPolicy(options.common.allow);
     const vrx::TimeSyncProtocol clock =
         netClock ? vrx::TimeSyncProtocol::GstNetClock : vrx::TimeSyncProtocol::MonotonicSystemClock;
     if (!sender.initializeSender(options.address, options.alternativeAddress, options.timeServerIP,

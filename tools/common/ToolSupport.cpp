@@ -210,6 +210,25 @@ void addCommonOptions(CLI::App& app, CommonOptions& options)
                 return access(path.c_str(), R_OK) == 0 ? "" : "cannot read " + printable(path);
             },
             ""));
+    app.add_option_function<std::string>(
+           "--allow",
+           [&options](const std::string& text) {
+               if (const std::optional<vrx::AccessPolicy> policy = vrx::AccessPolicy::parse(text))
+                   options.allow = *policy;
+           },
+           "Who may take part in the stream besides this user and root: user (nobody else, the default "
+           "unless VRX_ALLOW says otherwise), group:NAME (processes in the group NAME, a name or a "
+           "number) or everyone (any local process). Both ends of a stream must allow each other. "
+           "Example: --allow group:audio")
+        ->type_name("WHO")
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                return vrx::AccessPolicy::parse(text) ? ""
+                                                      : "must be user, group:NAME of an existing group, or "
+                                                        "everyone, not " +
+                                                            printable(text);
+            },
+            ""));
     app.set_version_flag("--version", programName() + " " + VRX_VERSION,
                          "Print the program's name and version, then exit.");
 }

@@ -5,6 +5,7 @@
 // signals as a descriptor that a poll can wait for.
 
 #include <audioutils/PcmFormat.h>
+#include <voraxis/AccessPolicy.h>
 #include <miscutils/MiscUtils.h>
 
 #include <CLI/CLI.hpp>
@@ -64,9 +65,11 @@ struct CommonOptions
     std::string logLevel = "warn";
     std::string logConfigFile;
     CLI::Option* logLevelOption = nullptr;
+    vrx::AccessPolicy allow = vrx::AccessPolicy::fromEnvironment();
 };
 
-/// --log-level, --log-config and --version (which prints "<program> <project version>").
+/// --log-level, --log-config, --allow (who may take part, VRX_ALLOW's value by default) and
+/// --version (which prints "<program> <project version>").
 void addCommonOptions(CLI::App& app, CommonOptions& options);
 
 /// The positional ADDRESS: the sender's sidechannel address, an abstract Unix socket name of

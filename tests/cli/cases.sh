@@ -184,6 +184,7 @@ bad_arguments() {
 2|vrx-recv|--duration 0 a|--duration: must be a positive number
 2|vrx-recv|$long|ADDRESS: too long (108 bytes)
 2|vrx-probe|--timeout -1 a|--timeout: must be a positive number
+2|vrx-probe|--allow group:no-such-group a|--allow: must be user, group:NAME of an existing group, or everyone, not 'group:no-such-group'
 2|vrx-probe|$long|ADDRESS: too long (108 bytes)
 0|vrx-send|--help|Examples:
 0|vrx-recv|--help|Examples:

@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include <poll.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -152,6 +153,19 @@ nlohmann::ordered_json describeSequence(const vrx::Buffer& packet)
     return sequence;
 }
 
+nlohmann::ordered_json describeGreeting(const std::string& address, const vrx::InitialInfo& info,
+                                        const nlohmann::ordered_json& sequence)
+{
+    return {{"address", address},
+            {"version", info.version},
+            {"timeSyncProtocol", vrx::toString(info.timeSyncProtocol)},
+            {"timeSyncIPAddress", info.timeSyncIPAddress},
+            {"timeSyncPort", info.timeSyncPort},
+            {"nanomsgProtocol", vrx::toString(info.nanomsgProtocol)},
+            {"nanomsgUri", info.nanomsgUri},
+            {"sequence", sequence}};
+}
+
 int probe(const std::string& address, double timeoutSeconds, const vrx::AccessPolicy& policy,
           const SignalDescriptor& signals)
 {
@@ -190,15 +204,42 @@ int probe(const std::string& address, double timeoutSeconds, const vrx::AccessPo
         ReadResult::Ok)
         sequence = describeSequence(message);
 
-    const nlohmann::ordered_json json{{"address", address},
-                                      {"version", info->version},
-                                      {"timeSyncProtocol", vrx::toString(info->timeSyncProtocol)},
-                                      {"timeSyncIPAddress", info->timeSyncIPAddress},
-                                      {"timeSyncPort", info->timeSyncPort},
-                                      {"nanomsgProtocol", vrx::toString(info->nanomsgProtocol)},
-                                      {"nanomsgUri", info->nanomsgUri},
-                                      {"sequence", sequence}};
-    std::cout << json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+    std::cout << describeGreeting(address, *info, sequence).dump(2, ' ', false,
+                                                                 nlohmann::json::error_handler_t::replace)
+              << std::endl;
+    return 0;
+}
+
+// One line per live sender, or one JSON array of them: what each one's record says.
+int list(bool json)
+{
+    nlohmann::ordered_json senders = nlohmann::ordered_json::array();
+    for (const vrx::LiveSender& sender : vrx::findLiveSenders())
+    {
+        const passwd* user = getpwuid(sender.uid);
+        const std::string userName = user != nullptr ? user->pw_name : std::to_string(sender.uid);
+        const nlohmann::ordered_json sequence = describeSequence(sender.sequenceInfo);
+        nlohmann::ordered_json entry = describeGreeting(sender.address, sender.initialInfo, sequence);
+        entry["pid"] = sender.pid;
+        entry["user"] = userName;
+        entry["receivers"] = sender.receivers;
+        senders.push_back(entry);
+        if (json)
+            continue;
+        std::string format = "no sequence yet";
+        if (sequence.is_object())
+            format = sequence.contains("sampleRate")
+                         ? std::to_string(sequence["sampleRate"].get<unsigned int>()) + " Hz, " +
+                               std::to_string(sequence["numChannels"].get<unsigned int>()) + " channels, " +
+                               sequence["sampleFormat"].get<std::string>()
+                         : sequence["fourcc"].get<std::string>();
+        std::cout << printable(sender.address) << "  pid " << sender.pid << "  user " << userName << "  "
+                  << vrx::toString(sender.initialInfo.nanomsgProtocol) << "  "
+                  << vrx::toString(sender.initialInfo.timeSyncProtocol) << "  " << format << "  "
+                  << sender.receivers << (sender.receivers == 1 ? " receiver" : " receivers") << '\n';
+    }
+    if (json)
+        std::cout << senders.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
     return 0;
 }
 
@@ -214,8 +255,18 @@ int main(int argc, char** argv)
     std::string address;
     double timeoutSeconds = 2;
     CommonOptions commonOptions;
-    addAddressArgument(app, address,
-                       "Sidechannel address of the sender (as given to vrx-send). Example: my-audio");
+    bool listSenders = false, json = false;
+    CLI::Option* addressArgument = addAddressArgument(
+        app, address, "Sidechannel address of the sender (as given to vrx-send). Example: my-audio");
+    CLI::Option* listFlag = app.add_flag(
+        "-l,--list", listSenders,
+        "Instead of asking one sender, list the senders that run in $TMPDIR (default /tmp/vrx) and that "
+        "this user may see: one line each with address, process, user, data channel protocol, clock, "
+        "format and receivers connected.");
+    app.add_flag("--json", json, "With --list, one JSON array of what vrx-probe ADDRESS prints, each with "
+                                 "\"pid\", \"user\" and \"receivers\" too.")
+        ->needs(listFlag);
+    addressArgument->required(false)->excludes(listFlag);
     app.add_option("-t,--timeout", timeoutSeconds,
                    "Wait at most SECONDS for a sender to answer (default 2). Example: --timeout 0.5")
         ->type_name("SECONDS")
@@ -242,5 +293,12 @@ Examples:
     if (const int exitCode = parseCommandLine(app, argc, argv); exitCode >= 0)
         return exitCode;
     configureLogging(commonOptions);
+    if (listSenders)
+        return list(json);
+    if (address.empty())
+    {
+        printNote("ADDRESS is required (or --list)");
+        return 2;
+    }
     return probe(address, timeoutSeconds, commonOptions.allow, signals);
 }

@@ -683,6 +683,13 @@ int run(Options& options, SignalDescriptor& signals)
                       " (--log-level debug shows why)");
         return 1;
     }
+    // The main address may be another sender's: its receivers then follow that one.
+    const std::string bound = printable(sender.getBoundSocketAddress());
+    if (sender.getBoundSocketAddress() == options.address)
+        printNote("streaming at " + bound);
+    else
+        printNote("streaming at the alternative address " + bound + "; another sender holds " +
+                  printable(options.address));
 
     WakeUpEvent stop;
     std::unique_ptr<Source> source;
@@ -723,7 +730,7 @@ int run(Options& options, SignalDescriptor& signals)
                                     ? "waiting for input"
                                     : "sending";
             status.show(
-                {state, snapshot.format ? snapshot.format->describe() : "-",
+                {state + (" at " + bound), snapshot.format ? snapshot.format->describe() : "-",
                  std::to_string(snapshot.frames) + " frames (" + describeSeconds(snapshot.streamNs) + ")",
                  std::string("receivers: ") + (sender.areThereClientConnections() ? "yes" : "none"),
                  "dropped " + std::to_string(producer.skippedFrames() + stalls),

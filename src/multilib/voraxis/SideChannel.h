@@ -80,6 +80,24 @@ VRX_EXPORT std::uint32_t parseSidechannelMessageSize(const SidechannelMessageSiz
 /// environment is read at each call.
 VRX_EXPORT std::string getSenderParentDirectory();
 
+/// A sender that runs now, as the record in its directory tells: every sender keeps one up to
+/// date while it runs (only those whose directories the caller may read are found).
+struct LiveSender
+{
+    std::string address;     ///< the sidechannel address it is bound to (maybe its alternative)
+    unsigned int pid = 0;    ///< its process
+    unsigned int uid = 0;    ///< its user
+    std::string directory;   ///< its directory
+    InitialInfo initialInfo; ///< the greeting it gives
+    Buffer sequenceInfo;     ///< the SequenceInfo packet of its sequence; empty before the first
+    unsigned int receivers = 0; ///< receivers connected to its sidechannel
+};
+
+/// The senders that run now in `parent` (by default getSenderParentDirectory()), in the order of
+/// their addresses. A record that a killed sender left behind is recognised (its process has
+/// gone, or is another one by now) and skipped.
+VRX_EXPORT std::vector<LiveSender> findLiveSenders(const std::string& parent = getSenderParentDirectory());
+
 /// What makeSenderParentDirectory found, or did.
 enum class SenderParentDirectory : std::uint32_t
 {

@@ -4,6 +4,7 @@
 #include "miscutils/ErrnoText.h"
 #include "miscutils/ScopeGuard.h"
 #include "voraxis/PeerAccess.h"
+#include "voraxis/SenderRecord.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -132,6 +133,7 @@ bool Sender::initializeSender(std::string socketAddress, std::string alternative
 
     m_initialized = true;
     m_listenerThreadRunning = true;
+    updateRecord();
     m_listenerThread = std::thread(&Sender::listenerThreadLoop, this);
 
     LOG4CPLUS_TRACE(logger, "Sender initialized");
@@ -207,6 +209,7 @@ bool Sender::makeTemporaryDirectory()
 
 void Sender::removeTemporaryDirectory()
 {
+    detail::removeSenderRecord(m_tempDirectoryFD);
     if (!m_nanomsgUri.empty())
     {
         LOG4CPLUS_DEBUG(logger,
@@ -230,6 +233,24 @@ bool Sender::areThereClientConnections() const
 {
     std::lock_guard lock(m_mutex);
     return clientConnectionCount() > 0;
+}
+
+std::string Sender::getBoundSocketAddress() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_initialized ? m_boundSocketAddress : "";
+}
+
+void Sender::updateRecord()
+{
+    if (!detail::writeSenderRecord(m_tempDirectoryFD, m_boundSocketAddress, m_initialInfoPacket,
+                                   m_sequenceInfoPacket, clientConnectionCount()) &&
+        !m_recordFailed)
+    {
+        const int error = errno;
+        m_recordFailed = true;
+        LOG4CPLUS_WARN(logger, "Could not write the record that tells this sender runs: " << ErrnoText{error});
+    }
 }
 
 bool Sender::areThereMainChannelConnections() const
@@ -261,6 +282,7 @@ bool Sender::setupListener()
     }
 
     sockaddr_un address;
+    m_boundSocketAddress = m_socketAddress.substr(0, MaxSocketAddressLength);
     if (bind(m_listenerSocketFD, reinterpret_cast<const sockaddr*>(&address),
              makeAbstractSocketAddress(m_socketAddress, address)) < 0)
     {
@@ -277,6 +299,7 @@ bool Sender::setupListener()
             LOG4CPLUS_DEBUG(logger, "Could not bind listener socket: " << ErrnoText{alternativeError});
             return false;
         }
+        m_boundSocketAddress = m_alternativeSocketAddress.substr(0, MaxSocketAddressLength);
     }
 
     if (listen(m_listenerSocketFD, listenBacklog) < 0)
@@ -367,6 +390,7 @@ void Sender::listenerThreadLoop()
             if (received == 0)
             {
                 closeClientConnection(index);
+                updateRecord();
                 LOG4CPLUS_DEBUG(logger, "Client connection with FD " << clientFD << " got closed; "
                                                                      << clientConnectionCount()
                                                                      << " connection(s) remain");
@@ -428,6 +452,7 @@ void Sender::greetClientConnection(int fd)
     // Under the lock a new sequence cannot slip in between the two packets.
     std::lock_guard lock(m_mutex);
     m_listenerPollFDs->push_back({fd, POLLIN, 0});
+    updateRecord();
     LOG4CPLUS_DEBUG(logger, "Sending InitialInfo packet with " << m_initialInfoPacket.size()
                                                                << " bytes to connection with FD " << fd);
     sendDataOverClientConnection(fd, m_initialInfoPacket);
@@ -745,6 +770,7 @@ void Sender::startNewSequence()
 
     produceSequenceInfoPacket(m_sequenceInfoPacket, m_payloader->getFourcc(), m_payloader->getCodecHeader(),
                               m_sequenceNr);
+    updateRecord();
 
     if (clientConnectionCount() == 0)
     {

@@ -94,6 +94,10 @@ public:
     /// True while at least one receiver is connected to the sidechannel.
     bool areThereClientConnections() const;
 
+    /// The sidechannel address the sender is bound to: the one asked for, or the alternative
+    /// when another sender holds the first; empty while the sender is not initialised.
+    std::string getBoundSocketAddress() const;
+
     /// True while the main channel of at least one receiver is attached, so that a frame sent
     /// now reaches it. A receiver attaches its main channel a moment after its sidechannel
     /// connected: a producer that must not lose a new receiver's first frame waits for both.
@@ -127,11 +131,14 @@ private:
     void waitUntilNoSendUsesTheChannel();
     std::size_t clientConnectionCount() const;
     bool makeTemporaryDirectory();
+    /// Brings the record that findLiveSenders reads up to date.
+    void updateRecord();
     /// Removes the IPC file and the temporary directory, where there are any.
     void removeTemporaryDirectory();
 
     std::string m_socketAddress;
     std::string m_alternativeSocketAddress;
+    std::string m_boundSocketAddress; // one of the two, while the listener is bound
     std::string m_timeSyncIPAddress;
     std::uint32_t m_timeSyncPort = 0;
     TimeSyncProtocol m_timeSyncProtocol = TimeSyncProtocol::Unknown;
@@ -165,6 +172,7 @@ private:
     // The parent of the temporary directory and the directory itself, open while it exists.
     miscUtils::FileDescriptor m_parentDirectoryFD;
     miscUtils::FileDescriptor m_tempDirectoryFD;
+    bool m_recordFailed = false; // said once
     std::optional<AccessPolicy> m_chosenAccessPolicy; // the application's
     AccessPolicy m_accessPolicy;                      // in force since initializeSender
     // Listener thread only: users refused so far (said once each), and receivers refused for

@@ -24,7 +24,7 @@ jobs=$(nproc)
 packages=(
     build-essential cmake ninja-build pkg-config binutils
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
-    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    googletest libgtest-dev libgmock-dev
     libgstreamer1.0-dev
     libsndfile1-dev libcli11-dev nlohmann-json3-dev sox
     clang libclang-rt-14-dev

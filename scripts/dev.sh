@@ -27,7 +27,7 @@ jobs=$(nproc)
 packages=(
     build-essential cmake ninja-build pkg-config binutils
     libnanomsg-dev nanomsg-utils liblog4cplus-dev
-    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    googletest libgtest-dev libgmock-dev
     libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-tools
     libsndfile1-dev libcli11-dev nlohmann-json3-dev sox help2man

@@ -1,8 +1,8 @@
 #pragma once
 
-// The far ends a test drives the library with, on real sockets and in real processes: a
-// receiver's raw sidechannel client, a raw nanomsg socket, a fake sender, a raw UDP socket, and
-// the GStreamer framework's network time provider.
+// The far ends a test drives the library with, on real sockets: a receiver's raw sidechannel
+// client, a raw nanomsg socket, a fake sender and a raw UDP socket (programs in processes of
+// their own, the GStreamer framework's time provider among them, are in Processes.h).
 
 #include "TestHelpers.h"
 
@@ -11,17 +11,12 @@
 #include <nanomsg/pubsub.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <memory>
-#include <sstream>
 #include <numeric>
 
 namespace vrx::test {
@@ -250,65 +245,6 @@ inline Buffer mediaOf(std::uint64_t timestamp)
     return media;
 }
 
-/// A program of this build in a process of its own, its standard output captured; killed and
-/// reaped at the end.
-class ChildProcess : NonCopyable
-{
-public:
-    explicit ChildProcess(std::vector<std::string> arguments)
-    {
-        std::vector<char*> argv;
-        for (std::string& argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        int output[2];
-        posix_spawn_file_actions_t actions;
-        if (pipe2(output, O_CLOEXEC | O_NONBLOCK) < 0 || posix_spawn_file_actions_init(&actions) != 0)
-            throw std::runtime_error("cannot start " + arguments[0]);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(output[1]);
-        m_output = output[0];
-    }
-    ~ChildProcess()
-    {
-        stop(SIGKILL);
-        ::close(m_output);
-    }
-    pid_t pid() const { return m_pid; }
-    /// The lines the program has printed so far.
-    LogLines lines()
-    {
-        char chunk[4096];
-        for (ssize_t size; (size = read(m_output, chunk, sizeof(chunk))) > 0;)
-            m_printed.append(chunk, static_cast<std::size_t>(size));
-        LogLines lines;
-        std::istringstream printed(m_printed);
-        for (std::string line; std::getline(printed, line);)
-            lines.push_back(line);
-        return lines;
-    }
-    /// Waits, bounded, until the program has printed `line` `times` times.
-    bool waitFor(const std::string& line, long times = 1)
-    {
-        return test::waitFor([&] { return std::ranges::count(lines(), line) >= times; });
-    }
-    /// Sends `signal` and waits for the process to end; what it printed stays readable.
-    void stop(int signal)
-    {
-        if (m_pid > 0 && ::kill(m_pid, signal) == 0)
-            waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_output = -1;
-    std::string m_printed;
-};
-
 /// A UDP socket on 127.0.0.1 at a free port.
 class UdpPeer : NonCopyable
 {
@@ -359,36 +295,5 @@ inline std::uint64_t bigEndianAt(const Buffer& bytes, std::size_t offset)
     return std::accumulate(begin, begin + 8, std::uint64_t{0},
                            [](auto value, unsigned char byte) { return value << 8 | byte; });
 }
-
-/// The GStreamer framework's own network time provider (tests/tools/gst_net_time_provider.cpp)
-/// in a child process, serving its monotonic clock `offsetSeconds` ahead on 127.0.0.1. It
-/// prints the port it serves on, then serves until nobody reads what it prints.
-class FrameworkTimeProvider : NonCopyable
-{
-public:
-    /// Port 0 picks a free one; port() is 0 when the provider did not come up.
-    explicit FrameworkTimeProvider(unsigned int port = 0, long long offsetSeconds = 1000)
-        : m_output(popen(
-              (VRX_GST_NET_TIME_PROVIDER " " + std::to_string(port) + " " + std::to_string(offsetSeconds))
-                  .c_str(),
-              "r"))
-    {
-        char line[16] = {};
-        m_port = m_output != nullptr && std::fgets(line, sizeof(line), m_output) ? std::atoi(line) : 0;
-    }
-    ~FrameworkTimeProvider() { stop(); }
-    unsigned int port() const { return m_port; }
-    /// Ends the provider and waits for it.
-    void stop()
-    {
-        if (m_output != nullptr)
-            pclose(m_output);
-        m_output = nullptr;
-    }
-
-private:
-    std::FILE* m_output;
-    unsigned int m_port;
-};
 
 } // namespace vrx::test

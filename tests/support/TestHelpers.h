@@ -1,8 +1,10 @@
 #pragma once
 
-// What every suite shares: packet bytes from literals, waiting for a condition, the text of a
-// failed assertion, a scratch TMPDIR with socket addresses of its own, the threads and
-// descriptors of the process (for checking that shut-down leaves nothing behind), and the log.
+// What every suite shares: packet bytes from literals, the text of a failed assertion, socket
+// addresses of its own, checking that shut-down leaves no thread or descriptor behind, and the
+// log; on top of Processes.h (waiting, scratch TMPDIR, processes), which the benchmarks share.
+
+#include "Processes.h"
 
 #include <voraxis/SideChannel.h>
 
@@ -17,42 +19,15 @@
 
 #include <atomic>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 #include <regex>
-#include <thread>
 
 namespace vrx::test {
-
-using namespace std::chrono_literals;
-
-/// Generous: machines running the suite are shared and noisy.
-inline constexpr std::chrono::milliseconds conditionDeadline = 30s;
-
-/// Owners of descriptors, directories or registrations are not copied: a copy would release twice.
-class NonCopyable
-{
-public:
-    NonCopyable() = default;
-    NonCopyable(const NonCopyable&) = delete;
-    NonCopyable& operator=(const NonCopyable&) = delete;
-};
 
 /// Packet bytes written as a string literal ("\x01\x00xy"sv); embedded 0 bytes are kept.
 inline Buffer bytes(std::string_view text)
 {
     return Buffer(text.begin(), text.end());
-}
-
-/// Polls `condition` until it holds (true) or the deadline passes (false).
-inline bool waitFor(const std::function<bool()>& condition,
-                    std::chrono::milliseconds deadline = conditionDeadline)
-{
-    for (const auto end = std::chrono::steady_clock::now() + deadline; !condition();
-         std::this_thread::sleep_for(1ms))
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-    return true;
 }
 
 /// Matches what a failed MISCUTILS_ASSERT prints for exactly `expression` (the closing quote is
@@ -69,64 +44,11 @@ inline std::string errnoText(int errorNumber)
     return std::strerror(errorNumber) + (" (" + std::to_string(errorNumber) + ")");
 }
 
-/// A directory of its own under /tmp, named by TMPDIR from now on (every test that uses TMPDIR
-/// sets it); removed with its content at the end. A death test's child runs its test again from the start and
-/// dies without cleaning up: it finds the parent's directory in the environment and works there, so that the
-/// parent removes what the child leaves.
-class ScratchTmpdir : NonCopyable
-{
-public:
-    ScratchTmpdir() : m_owned(std::getenv("VRX_TEST_SCRATCH") == nullptr)
-    {
-        m_path = m_owned ? "/tmp/vrx-test-XXXXXX" : std::getenv("VRX_TEST_SCRATCH");
-        if (m_owned &&
-            (mkdtemp(m_path.data()) == nullptr || setenv("VRX_TEST_SCRATCH", m_path.c_str(), 1) != 0))
-            throw std::runtime_error("cannot create a scratch directory");
-        setTmpdir(m_path.c_str());
-    }
-    ~ScratchTmpdir()
-    {
-        std::error_code ignored;
-        if (m_owned && unsetenv("VRX_TEST_SCRATCH") == 0)
-            std::filesystem::remove_all(m_path, ignored);
-    }
-    const std::string& path() const { return m_path; }
-    /// Points TMPDIR elsewhere (nullptr unsets it).
-    void setTmpdir(const char* value) const { value ? setenv("TMPDIR", value, 1) : unsetenv("TMPDIR"); }
-
-private:
-    const bool m_owned;
-    std::string m_path;
-};
-
 /// An abstract socket address that no other test, in this process or another, uses.
 inline std::string uniqueSocketAddress()
 {
     static std::atomic<unsigned int> counter{0};
     return "vrx-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-}
-
-/// What a process (this one by default) holds: its open descriptors ("number -> target") and
-/// its threads' ids, each sorted; without the descriptor of the listing itself.
-struct ProcessResources
-{
-    std::vector<std::string> descriptors, threads;
-};
-inline ProcessResources processResources(pid_t pid = getpid())
-{
-    const std::filesystem::path process = "/proc/" + std::to_string(pid), self = process / "fd";
-    ProcessResources resources;
-    for (const auto& [directory, entries] :
-         {std::pair{self, &resources.descriptors}, {process / "task", &resources.threads}})
-    {
-        std::error_code error; // entries may go while they are listed
-        for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-            if (const std::filesystem::path target = std::filesystem::read_symlink(entry, error);
-                target != self)
-                entries->push_back(entry.path().filename().string() + " -> " + target.string());
-        std::sort(entries->begin(), entries->end());
-    }
-    return resources;
 }
 
 /// How many threads and descriptors a check allows beyond a baseline; `anyCount` skips one.

@@ -65,6 +65,11 @@ int toPollTimeout(std::chrono::steady_clock::duration duration)
         std::max<std::int64_t>(std::chrono::ceil<std::chrono::milliseconds>(duration).count(), 0));
 }
 
+// Logs the error of a failed connection at ERROR, where it happens, unless the attempts before
+// failed the same way (see logConnectionFailure).
+#define LOG_CONNECTION_FAILURE(text)                                                                         \
+    logConnectionFailure((text), __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+
 bool isPowerOfTen(unsigned long number)
 {
     while (number >= 10 && number % 10 == 0)
@@ -395,7 +400,7 @@ bool Receiver::handleConnectingState()
         case InitialInfoRetval::NotYet: return true;
         case InitialInfoRetval::Aborted: LOG4CPLUS_DEBUG(logger, "Aborting connection attempt"); return false;
         case InitialInfoRetval::Error:
-            logConnectionFailure("Could not get initial info; restarting connection attempt");
+            LOG_CONNECTION_FAILURE("Could not get initial info; restarting connection attempt");
             restartConnection();
             return true;
         }
@@ -447,8 +452,8 @@ bool Receiver::waitForNextAttempt()
         takeEvent(SenderAppeared))
     {
         LOG4CPLUS_TRACE(logger, "A sender appeared; retrying at once");
-        m_nextAttemptAt = now;
-        m_quickRetriesUntil = now + quickRetryPeriod;
+        m_nextAttemptAt = std::chrono::steady_clock::now();
+        m_quickRetriesUntil = m_nextAttemptAt + quickRetryPeriod;
     }
     return true;
 }
@@ -487,7 +492,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
         guard.dismiss();
         return ConnectionRetval::Retry;
     }
-    logConnectionFailure("Could not connect to sender: " + toString(ErrnoText{error}));
+    LOG_CONNECTION_FAILURE("Could not connect to sender: " + toString(ErrnoText{error}));
     return ConnectionRetval::Retry;
 }
 
@@ -500,7 +505,7 @@ bool Receiver::isSenderAllowed()
         return true;
     }
     const int error = errno;
-    logConnectionFailure(
+    LOG_CONNECTION_FAILURE(
         sender ? "Refusing the sender at \"" + m_socketAddress + "\": " + detail::describe(*sender) +
                      " is not allowed by the access policy \"" + m_accessPolicy.toString() + "\""
                : "Refusing a sender whose credentials are unknown: " + toString(ErrnoText{error}));
@@ -542,7 +547,7 @@ bool Receiver::readSomeFromSidechannel(unsigned char* buffer, std::size_t count,
         bytesRead = 0;
         return true;
     }
-    logConnectionFailure("Could not read data from VRX sidechannel socket: " + toString(ErrnoText{error}));
+    LOG_CONNECTION_FAILURE("Could not read data from VRX sidechannel socket: " + toString(ErrnoText{error}));
     return false;
 }
 
@@ -569,9 +574,9 @@ Receiver::SidechannelReadRetval Receiver::readSidechannelMessage()
             // A greeting or a SequenceInfo is tens of bytes: a peer's length is not trusted further.
             if (m_sidechannelMessageSize > maxSidechannelMessageSize)
             {
-                logConnectionFailure("Refusing a sidechannel message of " +
-                                     std::to_string(m_sidechannelMessageSize) + " bytes; at most " +
-                                     std::to_string(maxSidechannelMessageSize) + " are taken");
+                LOG_CONNECTION_FAILURE("Refusing a sidechannel message of " +
+                                       std::to_string(m_sidechannelMessageSize) + " bytes; at most " +
+                                       std::to_string(maxSidechannelMessageSize) + " are taken");
                 return SidechannelReadRetval::Error;
             }
         }
@@ -605,8 +610,8 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
             const int error = errno;
             if (error == EINTR)
                 continue;
-            logConnectionFailure("Could not poll for side channel activity to get initial info: " +
-                                 toString(ErrnoText{error}));
+            LOG_CONNECTION_FAILURE("Could not poll for side channel activity to get initial info: " +
+                                   toString(ErrnoText{error}));
             return InitialInfoRetval::Error;
         }
         if ((pollFDs[0].revents & POLLIN) == 0)
@@ -683,7 +688,7 @@ void Receiver::restartConnection()
                                                   << toPollTimeout(delay) << " ms");
 }
 
-void Receiver::logConnectionFailure(const std::string& text, std::source_location where)
+void Receiver::logConnectionFailure(const std::string& text, const char* file, int line, const char* function)
 {
     if (text == m_repeatedFailure)
     {
@@ -697,8 +702,7 @@ void Receiver::logConnectionFailure(const std::string& text, std::source_locatio
     m_failureRepeats = 1;
     // Recorded at the caller's place, as if the caller had logged it.
     if (logger.isEnabledFor(log4cplus::ERROR_LOG_LEVEL))
-        logger.forcedLog(log4cplus::ERROR_LOG_LEVEL, text, where.file_name(), static_cast<int>(where.line()),
-                         where.function_name());
+        logger.forcedLog(log4cplus::ERROR_LOG_LEVEL, text, file, line, function);
 }
 
 void Receiver::connectionIsHealthy()
@@ -734,7 +738,7 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
         detail::checkMainChannelUri(uri, protocol, m_accessPolicy, m_senderUid, refusal);
     if (!place)
     {
-        logConnectionFailure("Refusing the main channel \"" + uri + "\" of the greeting: " + refusal);
+        LOG_CONNECTION_FAILURE("Refusing the main channel \"" + uri + "\" of the greeting: " + refusal);
         return ConnectionRetval::Retry;
     }
     m_mainChannelDirectoryFD = std::move(place->directory);
@@ -831,8 +835,8 @@ bool Receiver::listenForInput()
             const int error = errno;
             if (error == EINTR)
                 continue;
-            logConnectionFailure("Could not poll for side channel activity to get initial info: " +
-                                 toString(ErrnoText{error}));
+            LOG_CONNECTION_FAILURE("Could not poll for side channel activity to get initial info: " +
+                                   toString(ErrnoText{error}));
             return false;
         }
         // Packets the sender sent before it went away are still delivered; a quiet main
@@ -863,7 +867,7 @@ bool Receiver::listenForInput()
     }
     if (((pollFDs[Wakeup].revents | pollFDs[Nanomsg].revents) & ~POLLIN) != 0)
     {
-        logConnectionFailure(
+        LOG_CONNECTION_FAILURE(
             "The wakeup pipe or the nanomsg watch FD reported an error; restarting connection");
         return false;
     }
@@ -875,8 +879,8 @@ bool Receiver::takeWakeup()
     if (!m_wakeupPipe.drain())
     {
         const int error = errno;
-        logConnectionFailure("Error while receiving wakeup call over control pipe: " +
-                             toString(ErrnoText{error}));
+        LOG_CONNECTION_FAILURE("Error while receiving wakeup call over control pipe: " +
+                               toString(ErrnoText{error}));
         return false;
     }
     if (isStopRequested())
@@ -898,8 +902,8 @@ bool Receiver::takeMainChannelPacket()
     if (size < 0)
     {
         const int error = errno;
-        logConnectionFailure("Error while trying to receive data through nanomsg: " +
-                             toString(ErrnoText{error}));
+        LOG_CONNECTION_FAILURE("Error while trying to receive data through nanomsg: " +
+                               toString(ErrnoText{error}));
         return false;
     }
     // Freed on every way out, also when a callback throws.
@@ -938,7 +942,7 @@ bool Receiver::takeMainChannelPacket()
                                "depayloader was previously found");
         return true;
     case DepayloaderList::ConsumePacketRetcode::Error:
-        logConnectionFailure("Error while consuming VRX packet");
+        LOG_CONNECTION_FAILURE("Error while consuming VRX packet");
         return false;
     case DepayloaderList::ConsumePacketRetcode::Ok: break;
     }
@@ -980,13 +984,13 @@ bool Receiver::takeSidechannelMessage()
     switch (result)
     {
     case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
-        logConnectionFailure("Got a SequenceInfo packet, but no matching payloader was found");
+        LOG_CONNECTION_FAILURE("Got a SequenceInfo packet, but no matching payloader was found");
         return false;
     case DepayloaderList::ConsumePacketRetcode::NoDepayloaderSelected:
-        logConnectionFailure("Got a Frame packet, but no payloader is present");
+        LOG_CONNECTION_FAILURE("Got a Frame packet, but no payloader is present");
         return false;
     case DepayloaderList::ConsumePacketRetcode::Error:
-        logConnectionFailure("Error while consuming VRX packet");
+        LOG_CONNECTION_FAILURE("Error while consuming VRX packet");
         return false;
     case DepayloaderList::ConsumePacketRetcode::Ok: break;
     }
@@ -1075,8 +1079,8 @@ bool Receiver::handleSequenceInfoPacket()
     Depayloader* depayloader = m_depayloaderList.getCurrentDepayloader();
     if (depayloader == nullptr)
     {
-        logConnectionFailure("No suitable VRX depayloader available; check that the PCM depayloader was "
-                             "added to the depayloader list");
+        LOG_CONNECTION_FAILURE("No suitable VRX depayloader available; check that the PCM depayloader was "
+                               "added to the depayloader list");
         return false;
     }
     m_sequenceDepayloader = depayloader;

@@ -17,7 +17,6 @@
 #include <functional>
 #include <mutex>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <thread>
 #include <vector>
@@ -236,8 +235,7 @@ private:
 
     // Failed attempts: back-off and a log without repeats.
     void restartConnection();
-    void logConnectionFailure(const std::string& text,
-                              std::source_location where = std::source_location::current());
+    void logConnectionFailure(const std::string& text, const char* file, int line, const char* function);
     void connectionIsHealthy();
     void endFailureRun();
 

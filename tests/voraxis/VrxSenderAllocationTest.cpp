@@ -1,8 +1,10 @@
-// The frame path must not allocate once the sender's packet buffer has grown to the largest
-// frame. Counting needs the global operator new of this executable, so this suite stands alone.
+// The frame paths must not allocate once their buffers have grown to the largest frame: the
+// sender's packet, the receiving end's media buffer. Counting needs the global operator new of
+// this executable, so this suite stands alone.
 
 #include "TestHelpers.h"
 
+#include <voraxis/VrxPayload.h>
 #include <voraxis/VrxSender.h>
 
 #include <cstdlib>
@@ -53,6 +55,27 @@ TEST(SenderFramePath, SendsFramesWithoutAllocatingOnceItsBufferHasGrown)
         sender.sendMediaData(frame, 10'000'000, frame % 2 == 0 ? largest : smaller);
     countAllocations = false;
     EXPECT_EQ(allocationCount, 0u);
+}
+
+TEST(ReceiverFramePath, TakesFramesWithoutAllocatingOnceItsBufferHasGrown)
+{
+    PcmPayloader payloader;
+    PcmDepayloader depayloader;
+    DepayloaderList depayloaders;
+    depayloaders.addDepayloader(depayloader);
+    Buffer packet, largest, smaller;
+    produceSequenceInfoPacket(packet, PcmFourcc, payloader.getCodecHeader(), 1);
+    depayloaders.consumePacket(packet);
+    payloader.produceFramePacket(largest, 1, 0, 10'000'000, Buffer(1920, 1));
+    payloader.produceFramePacket(smaller, 1, 1, 10'000'000, Buffer(960, 2));
+    depayloaders.consumePacket(largest);
+    allocationCount = 0;
+    countAllocations = true;
+    for (int frame = 1; frame <= 200; ++frame)
+        depayloaders.consumePacket(frame % 2 == 0 ? largest : smaller);
+    countAllocations = false;
+    EXPECT_EQ(allocationCount, 0u);
+    EXPECT_EQ(depayloaders.getCurrentFrameMediaData(), Buffer(1920, 1));
 }
 
 } // namespace

@@ -124,6 +124,11 @@ Buffer Depayloader::unwrapFrame(const ByteSpan& mediaData)
     return Buffer(mediaData.begin(), mediaData.end());
 }
 
+void Depayloader::unwrapFrameInto(const ByteSpan& mediaData, Buffer& frame)
+{
+    frame = unwrapFrame(mediaData);
+}
+
 void Depayloader::reset()
 {}
 
@@ -149,6 +154,11 @@ PcmDepayloader::PcmDepayloader() : Depayloader(PcmFourcc)
 {}
 
 PcmDepayloader::~PcmDepayloader() = default;
+
+void PcmDepayloader::unwrapFrameInto(const ByteSpan& mediaData, Buffer& frame)
+{
+    frame.assign(mediaData.begin(), mediaData.end());
+}
 
 bool PcmDepayloader::processCodecHeader(const ByteSpan& codecHeader)
 {
@@ -247,7 +257,7 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumeFramePacket(const 
     }
     m_currentFrameDuration = detail::readLittleEndian<std::uint64_t>(packetData.data() + frameTimestampEnd);
 
-    m_currentFrameMediaData = m_currentDepayloader->unwrapFrame(packetData.subspan(frameHeaderSize));
+    m_currentDepayloader->unwrapFrameInto(packetData.subspan(frameHeaderSize), m_currentFrameMediaData);
     return ConsumePacketRetcode::Ok;
 }
 

@@ -91,6 +91,11 @@ public:
     /// Media bytes of a Frame packet (everything behind its 20-byte header) as a new buffer.
     virtual Buffer unwrapFrame(const ByteSpan& mediaData);
 
+    /// The same into `frame`, which the receiver reuses from frame to frame: by default what
+    /// unwrapFrame returns. A depayloader that takes the bytes as they are copies them in
+    /// without allocating once `frame` has grown (PcmDepayloader does).
+    virtual void unwrapFrameInto(const ByteSpan& mediaData, Buffer& frame);
+
     /// Forgets per-connection state; the base has none.
     virtual void reset();
 
@@ -125,6 +130,8 @@ public:
     /// Stores the fields as it reads them, so a short header leaves a partial update behind;
     /// true only for a complete header with non-zero rate and channels and a known format.
     bool processCodecHeader(const ByteSpan& codecHeader) override;
+    /// Samples travel as they are. A subclass that changes them overrides this one too.
+    void unwrapFrameInto(const ByteSpan& mediaData, Buffer& frame) override;
 
     unsigned int getSampleRate() const { return m_sampleRate; }
     unsigned int getNumChannels() const { return m_numChannels; }

@@ -60,12 +60,25 @@ GstClockTime shifted(GstClockTime time, GstClockTimeDiff offset)
     return result < 0 ? 0 : static_cast<GstClockTime>(result);
 }
 
+// A time on the element's pipeline clock as the stream clock reads it, or the other way round.
+GstClockTime betweenClocks(GstElement* element, GstClock* streamClock, GstClockTime time, bool toStream)
+{
+    GstClock* pipelineClock = gst_element_get_clock(element);
+    if (pipelineClock == nullptr)
+        return GST_CLOCK_TIME_NONE;
+    const GstClockTimeDiff offset = pipelineClock == streamClock ? 0
+                                    : toStream                   ? clockOffset(pipelineClock, streamClock)
+                                                                 : clockOffset(streamClock, pipelineClock);
+    gst_object_unref(pipelineClock);
+    return shifted(time, offset);
+}
+
 } // namespace
 
 GstClock* newStreamClock(const char* name, std::function<miscUtils::TimeValue()> read)
 {
-    auto* clock = static_cast<VrxStreamClock*>(
-        g_object_new(vrx_stream_clock_get_type(), "name", name, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+    auto* clock = static_cast<VrxStreamClock*>(g_object_new(vrx_stream_clock_get_type(), "name", name,
+                                                            "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
     clock->read = new std::function<miscUtils::TimeValue()>(std::move(read));
     return owned(GST_CLOCK(clock));
 }
@@ -78,22 +91,12 @@ GstClock* newMonotonicClock(const char* name)
 
 GstClockTime pipelineToStreamTime(GstElement* element, GstClock* streamClock, GstClockTime clockTime)
 {
-    GstClock* pipelineClock = gst_element_get_clock(element);
-    if (pipelineClock == nullptr)
-        return GST_CLOCK_TIME_NONE;
-    const GstClockTimeDiff offset = pipelineClock == streamClock ? 0 : clockOffset(pipelineClock, streamClock);
-    gst_object_unref(pipelineClock);
-    return shifted(clockTime, offset);
+    return betweenClocks(element, streamClock, clockTime, true);
 }
 
 GstClockTime streamToPipelineTime(GstElement* element, GstClock* streamClock, GstClockTime streamTime)
 {
-    GstClock* pipelineClock = gst_element_get_clock(element);
-    if (pipelineClock == nullptr)
-        return GST_CLOCK_TIME_NONE;
-    const GstClockTimeDiff offset = pipelineClock == streamClock ? 0 : clockOffset(streamClock, pipelineClock);
-    gst_object_unref(pipelineClock);
-    return shifted(streamTime, offset);
+    return betweenClocks(element, streamClock, streamTime, false);
 }
 
 } // namespace vrxGst

@@ -53,7 +53,6 @@ constexpr auto quickRetryPeriod = 100ms;
 constexpr auto firstBackOff = 10ms;
 constexpr int inputPollSliceMs = 50;
 
-constexpr std::string_view ipcScheme = "ipc://";
 constexpr std::string_view senderDirectoryPrefix = "VrxSender-";
 constexpr int fsMonitorPollMs = 5000;
 // One event header and room for a name.

@@ -34,6 +34,8 @@ using namespace std::chrono_literals;
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Voraxis"));
 
 constexpr char nanomsgIpcFileName[] = "nanomsgChannel.ipc";
+// A stream packet's type, a reserved byte and its sequence number come first.
+constexpr std::size_t sequenceNrEnd = 4;
 constexpr int listenBacklog = 32;
 // Receivers connected at once; further ones are closed at once, so that connections cannot
 // exhaust the sender's descriptors or make every event walk an ever longer poll set.
@@ -243,6 +245,8 @@ std::string Sender::getBoundSocketAddress() const
 
 void Sender::updateRecord()
 {
+    m_recordedFormat.assign(m_sequenceInfoPacket.begin() + std::min(m_sequenceInfoPacket.size(), sequenceNrEnd),
+                            m_sequenceInfoPacket.end());
     if (!detail::writeSenderRecord(m_tempDirectoryFD, m_boundSocketAddress, m_initialInfoPacket,
                                    m_sequenceInfoPacket, clientConnectionCount()) &&
         !m_recordFailed)
@@ -770,7 +774,9 @@ void Sender::startNewSequence()
 
     produceSequenceInfoPacket(m_sequenceInfoPacket, m_payloader->getFourcc(), m_payloader->getCodecHeader(),
                               m_sequenceNr);
-    updateRecord();
+    // The record tells the format: a new sequence in the same one leaves it as it is.
+    if (!std::ranges::equal(ByteSpan(m_sequenceInfoPacket).subspan(sequenceNrEnd), m_recordedFormat))
+        updateRecord();
 
     if (clientConnectionCount() == 0)
     {

@@ -173,6 +173,7 @@ private:
     miscUtils::FileDescriptor m_parentDirectoryFD;
     miscUtils::FileDescriptor m_tempDirectoryFD;
     bool m_recordFailed = false; // said once
+    Buffer m_recordedFormat;     // what the record says of the sequence: FourCC and codec header
     std::optional<AccessPolicy> m_chosenAccessPolicy; // the application's
     AccessPolicy m_accessPolicy;                      // in force since initializeSender
     // Listener thread only: users refused so far (said once each), and receivers refused for

@@ -325,7 +325,7 @@ signal_leaves_valid_wav() {
 
     # vrx-probe interrupted says how long it waited.
     start probe vrx-probe --timeout 60 "$(address nobody)"
-    wait_for "vrx-probe to take signals" signals_blocked "$last_pid"
+    wait_for "vrx-probe to take signals" takes_signals "$last_pid"
     kill -INT "$last_pid"
     finish "$last_pid"
     [ "$status" -eq 1 ] && grep -E -q "interrupted; no sender answered at .* \(waited [0-9.]+ s\)" probe.err ||

@@ -48,11 +48,13 @@ ended() {
     [ "$state" = Z ]
 }
 
-# signals_blocked PID: the tool has blocked SIGINT to take it through its descriptor, so a signal
-# sent now is handled rather than killing it.
-signals_blocked() {
+# takes_signals PID: the tool has its signal descriptor for SIGINT, so a signal sent now is
+# handled. (A blocked SIGINT alone does not tell: start-up code blocks every signal for a moment,
+# and a SIGINT that a background job ignores is lost when it is unblocked again.)
+takes_signals() {
     local mask
-    mask=$(sed -n 's/^SigBlk:\s*//p' "/proc/$1/status" 2>/dev/null) && ((0x${mask: -8} & 2))
+    mask=$(sed -n 's/^sigmask:\s*//p' /proc/"$1"/fdinfo/* 2>/dev/null | head -n 1) && [ -n "$mask" ] &&
+        ((0x${mask: -8} & 2))
 }
 
 # finish PID: waits (30 s at most) for a background tool; its exit code in $status.

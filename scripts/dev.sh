@@ -61,11 +61,14 @@ run_tests() {
     case "$config" in
         plain) dir=$root/build ;;
         # The examples run in the plain build only; the GStreamer elements' tests do not run
-        # under ThreadSanitizer (see tests/gst), so neither is built there.
+        # under ThreadSanitizer (see tests/gst), so neither is built there. The sanitizer builds
+        # compile at -Og with line tables only: reports still name file and line, and the build
+        # takes a third of the time that -O2 -g takes.
         asan) dir=$root/build-asan; options=(-DVRX_SANITIZERS=address,undefined -DVRX_BUILD_EXAMPLES=OFF) ;;
         tsan) dir=$root/build-tsan; options=(-DVRX_SANITIZERS=thread -DVRX_BUILD_EXAMPLES=OFF -DVRX_BUILD_GST_PLUGIN=OFF) ;;
         *) echo "unknown test configuration '$config' (plain, asan, tsan)" >&2; exit 2 ;;
     esac
+    [ "$config" = plain ] || options+=("-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-Og -g1 -DNDEBUG")
     build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVRX_WARNINGS_AS_ERRORS=ON "${options[@]}"
     # Sanitizer reports fail the test that caused them.
     export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -76,7 +79,7 @@ run_tests() {
 package() {
     local dir=$root/build-package
     rm -rf "$dir"
-    build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DVRX_WARNINGS_AS_ERRORS=ON
+    build "$dir" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DVRX_WARNINGS_AS_ERRORS=ON
     if grep -n -i -E 'gtest|gmock|gstreamer-(check|net)' "$dir/CMakeCache.txt"; then
         echo "package: a build without tests looked up a test dependency (above)" >&2
         exit 1

@@ -5,6 +5,7 @@
 #include "StreamFormat.h"
 
 #include <miscutils/SyncedNetClock.h>
+#include <voraxis/SideChannel.h>
 #include <voraxis/VrxSender.h>
 
 #include <gst/audio/audio.h>
@@ -372,12 +373,12 @@ static void gst_vrx_sink_class_init(GstVrxSinkClass* klass)
     objectClass->finalize = finalize;
     const auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                                 GST_PARAM_MUTABLE_READY);
+    // Static: the flags let GObject keep a pointer to it.
+    static const std::string addressBlurb =
+        "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to " +
+        std::to_string(vrx::MaxSocketAddressLength) + " bytes (required)";
     g_object_class_install_property(
-        objectClass, PropAddress,
-        g_param_spec_string("address", "Address",
-                            "Sidechannel address receivers connect to: an abstract Unix socket name of 1 to 107 "
-                            "bytes (required)",
-                            "", flags));
+        objectClass, PropAddress, g_param_spec_string("address", "Address", addressBlurb.c_str(), "", flags));
     g_object_class_install_property(
         objectClass, PropAlternativeAddress,
         g_param_spec_string("alternative-address", "Alternative address",

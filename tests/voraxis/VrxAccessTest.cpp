@@ -105,6 +105,28 @@ TEST_F(AccessTest, ThePolicyDecidesWhichUsersTakePartOverEitherProtocol)
                                           std::to_string(consumer->pid()) +
                                           " is not allowed by the access policy \"" + c.allow + "\""));
     }
+    // Root takes part under any policy: another user's receiver follows a root sender.
+    const auto rootSender = peer("0", "everyone", {"sender", m_address, "pubsub", "1"});
+    EXPECT_TRUE(peer("65534", "user", {"receiver", m_address})->waitFor("delivering"));
+}
+
+// The policy as a user writes it (--allow, VRX_ALLOW): what parses prints back the same.
+TEST(AccessPolicyText, IsUserGroupOrEveryoneAndPrintsBackAsWritten)
+{
+    using Scope = AccessPolicy::Scope;
+    // clang-format off
+    const std::pair<std::string, std::optional<AccessPolicy>> cases[] = {
+        {"user", AccessPolicy{}}, {"everyone", AccessPolicy{Scope::Everyone, 0}},
+        {"group:root", AccessPolicy{Scope::Group, 0}}, {"group:65500", AccessPolicy{Scope::Group, 65500}},
+        {"", std::nullopt}, {"group:", std::nullopt}, {"group:12x", std::nullopt}, {"Everyone", std::nullopt},
+        {"group:no-such-group", std::nullopt},
+    };
+    // clang-format on
+    for (const auto& [text, policy] : cases)
+    {
+        EXPECT_EQ(AccessPolicy::parse(text), policy) << text;
+        EXPECT_EQ(policy ? policy->toString() : "", policy ? text : "");
+    }
 }
 
 TEST_F(AccessTest, TheFilesOfAStreamLetInWhomThePolicyAllowsAndNoOneElse)

@@ -321,12 +321,16 @@ TEST_F(ReceiverTest, TakesTheGreetingsSequenceInfoBeforeJudgingFramesThatOvertak
     for (const bool half : {true, false})
     {
         SCOPED_TRACE(half ? "half of the SequenceInfo sent" : "the SequenceInfo whole and unread");
-        // Whole: sent with the first frame while the receiver thread still runs its Running
-        // callback, so that both wait when it polls next.
+        // Whole: sent after the first frame while the receiver thread still runs its Running
+        // callback, so that both wait when it polls next. The pause lets nanomsg's worker hand
+        // the frame over first; on a slow machine the frame may come later, which passes too.
         std::atomic<bool> overtaken{half};
         m_callbacks.whenRecorded = [&](const std::string& event) {
-            if (!half && event == "state running")
-                fake.send(sequenceInfo(1)), fake.push(frame(1, 1)), overtaken = true;
+            if (half || event != "state running")
+                return;
+            fake.push(frame(1, 1));
+            std::this_thread::sleep_for(20ms);
+            fake.send(sequenceInfo(1)), overtaken = true;
         };
         ASSERT_TRUE(m_receiver.initializeReceiver(m_address) && fake.accept() && fake.send(fake.greeting()));
         ASSERT_TRUE(m_callbacks.waitFor("state running") && waitFor([&] { return overtaken.load(); }));

@@ -111,7 +111,7 @@ ROWS
 # vrx-probe --list: the live senders, one line each, one moved to its alternative address
 # (vrx-send says so); a killed sender's directory stays, and is not listed.
 list_senders() {
-    local a b killed
+    local a b killed dir
     a=$(address a) b=$(address b) killed=$(address killed)
     start a vrx-send --rate 44100 --channels 1 "$a"
     wait_for "the first sender" grep -q "streaming at '$a'" a.err
@@ -119,9 +119,13 @@ list_senders() {
     start killed vrx-send "$killed"
     wait_for "the last senders" eval 'grep -q "streaming at the alternative address '"'$b'; another sender holds '$a'"'" b.err && grep -q streaming killed.err'
     kill -9 "$last_pid"
+    [ "$(ls "$TMPDIR" | wc -l)" -eq 3 ] || fail "not three senders' directories: $(ls "$TMPDIR")"
+    # Neither a link to a sender's directory nor a record whose process number is another's by now
+    # makes a sender appear.
+    for dir in "$TMPDIR"/VrxSender-*; do ln -s "$dir" "$dir-link"; done
+    mkdir "$TMPDIR/VrxSender-reused" && sed "s/^pid .*/pid $$/" "$dir/sender.record" >"$TMPDIR/VrxSender-reused/sender.record"
     start recv vrx-recv --out take.wav "$a"
     wait_for "a receiver" eval '"$bin/vrx-probe" --list >list.txt && grep -q "1 receiver$" list.txt'
-    [ "$(ls "$TMPDIR" | wc -l)" -eq 3 ] || fail "not three senders' directories: $(ls "$TMPDIR")"
     diff <(sed -E 's/pid [0-9]+/pid P/' list.txt) - <<LIST || fail "vrx-probe --list said: $(cat list.txt)"
 '$a'  pid P  user $(id -un)  pubsub  sysclock  44100 Hz, 1 channels, S16LE  1 receiver
 '$b'  pid P  user $(id -un)  pipeline  sysclock  48000 Hz, 2 channels, S16LE  0 receivers

@@ -111,7 +111,7 @@ ROWS
 # vrx-probe --list: the live senders, one line each, one moved to its alternative address
 # (vrx-send says so); a killed sender's directory stays, and is not listed.
 list_senders() {
-    local a b killed dir
+    local a b killed dir record
     a=$(address a) b=$(address b) killed=$(address killed)
     start a vrx-send --rate 44100 --channels 1 "$a"
     wait_for "the first sender" grep -q "streaming at '$a'" a.err
@@ -120,10 +120,13 @@ list_senders() {
     wait_for "the last senders" eval 'grep -q "streaming at the alternative address '"'$b'; another sender holds '$a'"'" b.err && grep -q streaming killed.err'
     kill -9 "$last_pid"
     [ "$(ls "$TMPDIR" | wc -l)" -eq 3 ] || fail "not three senders' directories: $(ls "$TMPDIR")"
-    # Neither a link to a sender's directory nor a record whose process number is another's by now
-    # makes a sender appear.
+    # Neither a link to a sender's directory, nor a record whose process number is another's by
+    # now, nor one that holds no greeting makes a sender appear.
+    record=$(grep -l "^pid ${pids[0]}$" "$TMPDIR"/VrxSender-*/sender.record)
     for dir in "$TMPDIR"/VrxSender-*; do ln -s "$dir" "$dir-link"; done
-    mkdir "$TMPDIR/VrxSender-reused" && sed "s/^pid .*/pid $$/" "$dir/sender.record" >"$TMPDIR/VrxSender-reused/sender.record"
+    mkdir "$TMPDIR"/VrxSender-{reused,garbled}
+    sed "s/^pid .*/pid $$/" "$record" >"$TMPDIR/VrxSender-reused/sender.record"
+    sed "s/^greeting .*/greeting 00/" "$record" >"$TMPDIR/VrxSender-garbled/sender.record"
     start recv vrx-recv --out take.wav "$a"
     wait_for "a receiver" eval '"$bin/vrx-probe" --list >list.txt && grep -q "1 receiver$" list.txt'
     diff <(sed -E 's/pid [0-9]+/pid P/' list.txt) - <<LIST || fail "vrx-probe --list said: $(cat list.txt)"

@@ -200,6 +200,10 @@ TEST_F(SyncedNetClockTest, IgnoresGarbageAndUnmatchedReplies)
     const std::string synchronized =
         "DEBUG Synchronized with network time server 127.0.0.1:" + std::to_string(server.port());
     EXPECT_EQ(m_log.lines("DEBUG"), LogLines{synchronized});
+
+    // Started anew, it is not synchronised until the server answers again (here: never).
+    start(server.port());
+    EXPECT_FALSE(m_clock.isSynchronized());
 }
 
 TEST_F(SyncedNetClockTest, FollowsTheFrameworkProviderAlsoWhenItComesBackWithAnotherTimeBase)

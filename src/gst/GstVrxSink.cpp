@@ -321,7 +321,7 @@ GstClock* provideClock(GstElement* element)
 
 // ---- Properties and type ---------------------------------------------------------------
 
-void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec)
+void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* property)
 {
     SinkState& state = stateOf(object);
     GST_OBJECT_LOCK(object);
@@ -332,12 +332,12 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     case PropAlternativeAddress: state.alternativeAddress = text; break;
     case PropProtocol: state.protocol = static_cast<vrx::NanomsgProtocol>(g_value_get_enum(value)); break;
     case PropTimeServer: state.timeServer = text; break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(object);
 }
 
-void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
+void getProperty(GObject* object, guint id, GValue* value, GParamSpec* property)
 {
     SinkState& state = stateOf(object);
     GST_OBJECT_LOCK(object);
@@ -347,7 +347,7 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     case PropAlternativeAddress: g_value_set_string(value, state.alternativeAddress.c_str()); break;
     case PropProtocol: g_value_set_enum(value, static_cast<gint>(state.protocol)); break;
     case PropTimeServer: g_value_set_string(value, state.timeServer.c_str()); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(object);
 }

@@ -464,7 +464,7 @@ GstClock* provideClock(GstElement* element)
 
 // ---- Properties and type ---------------------------------------------------------------
 
-void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec)
+void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* property)
 {
     SrcState& state = stateOf(object);
     GST_OBJECT_LOCK(object);
@@ -472,12 +472,12 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     {
     case PropAddress: state.address = g_value_get_string(value) ? g_value_get_string(value) : ""; break;
     case PropExitOnSenderGone: state.exitOnSenderGone = g_value_get_boolean(value); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(object);
 }
 
-void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
+void getProperty(GObject* object, guint id, GValue* value, GParamSpec* property)
 {
     SrcState& state = stateOf(object);
     GST_OBJECT_LOCK(object);
@@ -485,7 +485,7 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     {
     case PropAddress: g_value_set_string(value, state.address.c_str()); break;
     case PropExitOnSenderGone: g_value_set_boolean(value, state.exitOnSenderGone); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(object);
 }

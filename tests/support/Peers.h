@@ -219,15 +219,18 @@ private:
     std::unique_ptr<NanomsgPeer> m_pusher;
 };
 
-/// Makes this process user `spec` ("UID[:GID,...]": in the groups GID,..., the first its group;
-/// in UID's group when none is named) for good; true when it could.
-inline bool becomeUser(const std::string& spec)
+/// Makes this process user `identity` ("UID[:GID,...]": in the groups GID,..., the first its
+/// group; in UID's group when none is named) for good; true when it could.
+inline bool becomeUser(const std::string& identity)
 {
     std::vector<gid_t> groups;
-    std::istringstream words(spec.substr(spec.find(':') + 1));
-    for (std::string group; spec.find(':') != std::string::npos && std::getline(words, group, ',');)
-        groups.push_back(static_cast<gid_t>(std::stoul(group)));
-    const auto user = static_cast<uid_t>(std::stoul(spec));
+    if (const std::size_t colon = identity.find(':'); colon != std::string::npos)
+    {
+        std::istringstream words(identity.substr(colon + 1));
+        for (std::string group; std::getline(words, group, ',');)
+            groups.push_back(static_cast<gid_t>(std::stoul(group)));
+    }
+    const auto user = static_cast<uid_t>(std::stoul(identity));
     return setgroups(groups.size(), groups.data()) == 0 && setgid(groups.empty() ? user : groups[0]) == 0 &&
            setuid(user) == 0;
 }
